@@ -1,0 +1,25 @@
+// Stand-in for the foundation library's path type: opening files by a
+// UTF-8 path.
+#ifndef VARN_HOST_LORN_PATH_H_
+#define VARN_HOST_LORN_PATH_H_
+
+#include <cstdio>
+
+namespace varn::host {
+
+class LornPath {
+ public:
+  explicit LornPath(const char* path) : path_(path) {}
+  // fopen of the path; nullptr on failure.
+  std::FILE* fopen(const char* mode) const;
+  // Replaces the trailing "XXXXXX" of name_template (in place) so that the
+  // file is new, creates it and opens it with mode; nullptr on failure.
+  static std::FILE* OpenUnique(char* name_template, const char* mode);
+
+ private:
+  const char* path_;
+};
+
+}  // namespace varn::host
+
+#endif  // VARN_HOST_LORN_PATH_H_

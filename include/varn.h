@@ -1,0 +1,510 @@
+/* Varn: the message library that every process of the design environment
+ * loads to talk to the others through the hub, Quon.
+ *
+ * Conventions: calls return 1 for success and 0 for failure (lookups return
+ * a handle or -1) and leave the reason in VarnErrorNo; varn_get_error_message
+ * turns it into text. Once VarnErrorNo is VARN_E_DAEMON_GONE (43) the hub is
+ * gone and most calls return 0 at once, leaving it at 43.
+ *
+ * Threads: every call is made from the application's thread (the one that
+ * called varn_init). The callback runs on that thread, except for INTR and
+ * KILL, whose callback runs on the library's input thread while the
+ * application's thread is held still. Text returned from the tables points
+ * into library memory and stays valid until the row changes.
+ */
+#ifndef VARN_H_
+#define VARN_H_
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include "varn_export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Handles, rows and tables ---------------------------------------- */
+
+/* Index of a row of VarnMessage; -1 means no process (or Quon itself). */
+typedef int varnHandle;
+
+#define VARN_MAX_ENTRIES 256
+#define VARN_DEFAULT_ENTRIES 40
+#define VARN_FILE_ENTRIES 31 /* rows 0..29 remote files, row 30 the Quon reply row */
+#define VARN_QUON_REPLY_ROW 30
+#define VARN_STATUS_TEXT_SIZE 5800
+#define VARN_LINE_SIZE 1025
+
+/* Row states. */
+#define ENTRY_FREE 0
+#define ENTRY_ACTIVE 1
+#define ENTRY_EXITED 2
+#define ENTRY_DISABLED 3
+#define ENTRY_STARTING 4
+
+/* Process status (VarnStatus). */
+#define VARN_STATUS_IDLE 0
+#define VARN_STATUS_BUSY 1
+#define VARN_STATUS_DEAD 2
+
+/* Channel types (VarnChanType). */
+#define VARN_CHAN_SOCKET 0
+#define VARN_CHAN_PIPE 1
+#define VARN_CHAN_STANDALONE 2
+
+/* Kinds of programs that do not speak the protocol (nonvelor_kind). */
+#define VARN_NONVELOR_INVOKER 0
+#define VARN_NONVELOR_INVOKERE 1
+#define VARN_NONVELOR_INVOKERN 3
+
+typedef struct VarnEntry {
+  uint32_t state;
+  char* address;
+  char* local_address;
+  uint32_t last_category;
+  char* last_data;
+  int64_t last_data_len;
+  uint32_t keep_entry;
+  uint32_t non_velor;
+  uint32_t send_stream;
+  uint32_t recv_stream;
+  uint32_t owned;
+  char* host;
+  char* name;
+  char* args;
+  FILE* debug_input;
+  uint32_t enabled_by_address;
+  uint32_t waiting;
+  uint32_t nonvelor_kind;
+  char* workdir;
+  uint32_t immediate_intr_kill;
+} VarnEntry;
+
+typedef struct VarnFileEntry {
+  uint32_t state;
+  char* name;
+  int32_t remote_fd;
+  int32_t mode;
+  int32_t type;
+  int32_t last_category;
+  char* last_data;
+  uint64_t last_data_len;
+  uint32_t send_stream;
+  uint32_t recv_stream;
+} VarnFileEntry;
+
+/* ---- Message categories ----------------------------------------------- */
+
+enum VarnCategory {
+  VARN_NONE = 0,
+  VARN_STATUS_Q = 1,
+  VARN_STATUS = 2,
+  VARN_KILL = 3,
+  VARN_ACCEPT = 4,
+  VARN_REJECT = 5,
+  VARN_INTR = 6,
+  VARN_CMD = 7,
+  VARN_DONE = 8,
+  VARN_BEGIN = 9,
+  VARN_END = 10,
+  VARN_DATA = 11,
+  VARN_ERROR = 12,
+  VARN_SRVR_ERR = 13,
+  VARN_ACK = 14,
+  VARN_INVOKE = 15,
+  VARN_INVOKER = 16,
+  VARN_INVOKERE = 17,
+  VARN_INVOKERN = 18,
+  VARN_NAK = 19,
+  VARN_QUERY_Q = 20,
+  VARN_QUERY = 21,
+  VARN_ENABLE = 22,
+  VARN_DISABLE = 23,
+  VARN_NOTIFY = 24,
+  VARN_ASYNC_ENABLE = 25,
+  VARN_ASYNC_DISABLE = 26,
+  VARN_PING = 27,
+  VARN_STDERR = 28,
+  VARN_FACK = 29,
+  VARN_FNAK = 30,
+  VARN_FOPEN = 31,
+  VARN_FCLOSE = 32,
+  VARN_FREAD = 33,
+  VARN_FWRITE = 34,
+  VARN_FREWIND = 35,
+  VARN_FUNLINK = 36,
+  VARN_QUERYP_Q = 37,
+  VARN_QUERYP = 38,
+  VARN_ATTACH = 39,
+  VARN_DETACH = 40,
+  VARN_AACK = 41,
+  VARN_ANAK = 42,
+  VARN_DACK_OBSOLETE = 43,
+  VARN_DNAK = 44,
+  VARN_EACK = 45,
+  VARN_ENAK = 46,
+  VARN_EDONE = 47,
+  VARN_EERROR = 48,
+  VARN_BROADCAST = 49,
+  VARN_FSTAT = 50,
+  VARN_CMD_ACKSENT = 51,
+  VARN_BEGIN_ACKSENT = 52,
+  VARN_END_ACKSENT = 53,
+  VARN_INVOKE_EX = 54,
+  VARN_FEOF = 55,
+  VARN_FSEEK = 56,
+  VARN_FTELL = 57
+};
+#define VARN_CATEGORY_COUNT 58
+
+/* ---- Error numbers ----------------------------------------------------- */
+
+/* One list gives every error number, its constant and its message. */
+#define VARN_ERROR_LIST(X)                                                             \
+  X(0, NONE, "No error.")                                                              \
+  X(1, TABLE_FULL, "VARN internal table is full.")                                     \
+  X(2, READ_SIZE, "Failed reading size of incoming message packet.")                   \
+  X(3, PARSE, "Failed parsing the incoming message.")                                  \
+  X(4, CATEGORY, "Invalid message category.")                                          \
+  X(5, READ_PACKET, "Failed reading the full message packet from QUON input.")         \
+  X(6, ALREADY_INIT, "The VARN message library has already been initialized.")         \
+  X(7, NOT_INIT, "The VARN message library has not been initialized yet.")             \
+  X(8, BAD_STATUS, "Bad status code.")                                                 \
+  X(9, HOSTNAME, "Failed to determine local hostname for the Velor daemon.")           \
+  X(10, DAEMON, "Daemon error.")                                                       \
+  X(11, INVOKE, "Failed to invoke the process.")                                       \
+  X(12, KILL, "Unable to kill the process.")                                           \
+  X(13, CLOSED, "The connection has been closed.")                                     \
+  X(14, EXITING, "The process has been killed or is exiting.")                         \
+  X(15, NO_INTR, "Nothing to interrupt.")                                              \
+  X(16, DONE_NOT_IN_CMD, "Unable to send DONE, not in CMD loop.")                      \
+  X(17, ERROR_NOT_IN_CMD, "Unable to send ERROR, not in CMD loop.")                    \
+  X(18, END_NOT_IN_STREAM, "Unable to send END, not in DATA stream.")                  \
+  X(19, SERVER_BUSY_CMD, "Server is busy, not ready for CMD.")                         \
+  X(20, DATA_BEFORE_BEGIN, "Must send BEGIN before sending DATA.")                     \
+  X(21, UNEXPECTED_NAK, "Not expecting NAK.")                                          \
+  X(22, UNEXPECTED_ACK, "Not expecting ACK.")                                          \
+  X(23, AFTER_BEGIN, "Must send DATA or END after BEGIN.")                             \
+  X(24, SEND_UNKNOWN, "Can't send unrecognized category.")                             \
+  X(25, PIPE_WRITE, "Write failure on pipe.")                                          \
+  X(26, NOT_CHILD, "The process is not a direct child.")                               \
+  X(27, SERVER_NOT_FOUND, "Specified server not found.")                               \
+  X(28, RECV_QUERY, "Should not receive QUERY.")                                       \
+  X(29, REINVOKE, "Failed to reinvoke the process.")                                   \
+  X(30, RECV_STATUS, "Should not receive STATUS.")                                     \
+  X(31, BAD_HANDLE, "Invalid message handle.")                                         \
+  X(32, NO_SOURCE, "Unable to match source address of the incoming message.")          \
+  X(33, CANNOT_SEND_DATA, "Unable to send data now.")                                  \
+  X(34, TOO_LONG, "Message is too long.")                                              \
+  X(35, MALLOC, "Malloc failed.")                                                      \
+  X(36, END_NOT_APPLY, "END does not apply.")                                          \
+  X(37, NOT_IN_STREAM, "Not in DATA stream.")                                          \
+  X(38, WAIT_IN_STREAM, "Can't wait during data stream.")                              \
+  X(39, NON_VELOR, "Non-Velor program.")                                               \
+  X(40, DISABLED, "The process has been disabled.")                                    \
+  X(41, STREAM_SOURCE, "Stream DATA source does not match BEGIN source.")              \
+  X(42, RECEIVER_BUSY, "The receiving process is busy.")                               \
+  X(43, DAEMON_GONE, "Daemon is either dead or has closed all it's sockets.")          \
+  X(44, FOPEN, "Can't perform a remote fopen")                                         \
+  X(45, FCLOSE, "Can't perform a remote fclose")                                       \
+  X(46, FILE_TYPE, "Legal file types are TEXT and BINARY")                             \
+  X(47, FILE_MODE, "Legal file modes are READ, WRITE and APPEND")                      \
+  X(48, FILE_HANDLE, "Invalid remote file handle: may need to be opened first")        \
+  X(49, NEGATIVE_SIZE, "Buffer size may not be negative ")                             \
+  X(50, FILE_CONFLICT,                                                                 \
+    "Conflicting file operations: reading from a file opened for write or vice versa") \
+  X(51, FILE_OPEN, "Remote file is open")                                              \
+  X(52, FILE_TABLE_FULL, "VARN internal remote file table is full.")                   \
+  X(53, FREAD, "Can't perform a remote fread")                                         \
+  X(54, FWRITE, "Can't perform a remote fwrite")                                       \
+  X(55, FREWIND, "Can't perform a remote frewind")                                     \
+  X(56, FUNLINK, "Can't perform a remote funlink")                                     \
+  X(57, EOF, "End of file")                                                            \
+  X(58, FILE_BUFFER, "Exceed remote file buffer size = 4096")                          \
+  X(59, SOCKET_CREATE, "Unable to create a socket")                                    \
+  X(60, WRONG_HOSTNAME, "Wrong hostname")                                              \
+  X(61, SOCKET_CONNECT, "Failed to connect a socket")                                  \
+  X(62, OBSOLETE_62, "Obsolete")                                                       \
+  X(63, QUERY_REMOTE, "Cannot query remote processes")                                 \
+  X(64, NOT_STANDALONE, "The process is not a standalone VARN process")                \
+  X(65, STANDALONE, "The process is a standalone VARN process not attached to quon")   \
+  X(66, ATTACH, "Failed to attach a process to a PG Quon")                             \
+  X(67, DETACH, "Failed to detach a process from a PG Quon")                           \
+  X(68, WINSOCK, "Failed to get the right version of winsock")                         \
+  X(69, QUON_CMD, "Quon failed to executed the sent command")                          \
+  X(70, OBSOLETE_70, "Obsolete")                                                       \
+  X(71, FSTAT, "Can't perform a remote stat")                                          \
+  X(72, FEOF, "Can't perform a remote feof")                                           \
+  X(73, FSEEK, "Can't perform a remote fseek")                                         \
+  X(74, FTELL, "Can't perform a remote ftell")                                         \
+  X(75, NEW_HANDLE, "Unable to allocate a new varn handle")
+
+#define VARN_ERROR_ENUM_(n, name, text) VARN_E_##name = n,
+enum VarnErrorNumber { VARN_ERROR_LIST(VARN_ERROR_ENUM_) VARN_ERROR_COUNT = 76 };
+#undef VARN_ERROR_ENUM_
+
+/* ---- Exported data ----------------------------------------------------- */
+
+VARN_EXPORT extern VarnEntry VarnMessage[VARN_MAX_ENTRIES];
+VARN_EXPORT extern int VarnErrorNo;
+VARN_EXPORT extern int VarnStatus;
+VARN_EXPORT extern int VarnChanType;
+VARN_EXPORT extern int VarnChanMode;
+VARN_EXPORT extern int VarnIntrSignal;
+VARN_EXPORT extern int VarnSigusr1Count;
+VARN_EXPORT extern int VarnSigusr1Caught;
+VARN_EXPORT extern int VarnSleepSecond;
+VARN_EXPORT extern int VarnRecvedQuonStatusIdle;
+VARN_EXPORT extern int IfDetachProtocol;
+
+typedef void (*VarnCallback)(int handle);
+
+/* ---- Library state and the process entry table ------------------------- */
+
+VARN_EXPORT int varnP_get_new_varnHandle(int* h) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_find_entry_exact(const char* address, int exact) VARN_NOEXCEPT;
+VARN_EXPORT void varnP_deinit_entry(varnHandle h) VARN_NOEXCEPT;
+VARN_EXPORT int varn_deinit_entry(varnHandle h) VARN_NOEXCEPT;
+VARN_EXPORT int varn_num_chan(int n) VARN_NOEXCEPT;
+VARN_EXPORT int varn_query_varn_handle(int* h, const char* address) VARN_NOEXCEPT;
+VARN_EXPORT int varn_query_varn_handle_byname(int* h, const char* name) VARN_NOEXCEPT;
+VARN_EXPORT int varn_query_handle_address(varnHandle h, char** name, char** address) VARN_NOEXCEPT;
+VARN_EXPORT int varn_chan_type(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_get_chan_mode(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_is_child_of_daemon(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_get_parent_info(char* name, char* id) VARN_NOEXCEPT;
+VARN_EXPORT int varn_if_asciionly(void) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_find_file_entry(void) VARN_NOEXCEPT;
+
+/* ---- Errors ------------------------------------------------------------ */
+
+VARN_EXPORT int varn_get_error_no(void) VARN_NOEXCEPT;
+/* Text of error n; numbers outside 0..75 give "Unknown error.". */
+VARN_EXPORT const char* varn_get_error_message(int n) VARN_NOEXCEPT;
+
+/* ---- Initialisation and shutdown --------------------------------------- */
+
+VARN_EXPORT int varn_init(int* argc, char** argv, varnHandle* parent) VARN_NOEXCEPT;
+VARN_EXPORT int varn_deinit(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_init_varn_line(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_no_memory_msg(size_t reserve, size_t request, char** message) VARN_NOEXCEPT;
+VARN_EXPORT int varn_chdir(const char* directory) VARN_NOEXCEPT;
+
+/* ---- Utilities --------------------------------------------------------- */
+
+VARN_EXPORT int varn_util_int_to_category(int code, char* word) VARN_NOEXCEPT;
+VARN_EXPORT int varn_util_category_to_int(const char* word, int* code) VARN_NOEXCEPT;
+VARN_EXPORT int varn_util_status_string_to_code(const char* word, int* code) VARN_NOEXCEPT;
+VARN_EXPORT void varn_util_compress_args(char** argv, int index, int* argc,
+                                         int count) VARN_NOEXCEPT;
+VARN_EXPORT int varn_util_strcpy(char** field, const char* text) VARN_NOEXCEPT;
+VARN_EXPORT size_t varn_util_strlen(const char* text) VARN_NOEXCEPT;
+VARN_EXPORT int varn_util_sleep(int seconds, int milliseconds) VARN_NOEXCEPT;
+VARN_EXPORT void varn_util_hold_sigusr1(int how) VARN_NOEXCEPT;
+VARN_EXPORT void varn_util_release_sigusr1(int how) VARN_NOEXCEPT;
+VARN_EXPORT void varn_util_sigaction(int signal_number) VARN_NOEXCEPT;
+
+/* ---- Packet output and DATA batching ----------------------------------- */
+
+VARN_EXPORT int varn_send_init(void) VARN_NOEXCEPT;
+/* Builds and writes one packet; length 0 means payload is NUL-terminated text. */
+VARN_EXPORT int varn_send_packet(const char* destination, const char* source, int category,
+                                 const void* payload, size_t length) VARN_NOEXCEPT;
+/* The same, composed in a buffer of the call's own (answers built while parsing). */
+VARN_EXPORT int varn_send_packet_signal(const char* destination, const char* source, int category,
+                                        const void* payload, size_t length) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_write_packet(char* buffer, size_t size) VARN_NOEXCEPT;
+VARN_EXPORT int write_file_win(int handle, const void* buffer, size_t count,
+                               size_t* written) VARN_NOEXCEPT;
+VARN_EXPORT int varn_WriteFile(int handle, const void* buffer, size_t count, size_t* written,
+                               void* overlapped) VARN_NOEXCEPT;
+VARN_EXPORT long varn_send(int socket, const void* buffer, size_t count, int flags) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_data_batch_add(const char* destination, const void* payload,
+                                     size_t length) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_data_batch_flush(void) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_data_batch_open(const char* destination) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_data_batch_reset(void) VARN_NOEXCEPT;
+
+/* ---- Input thread ------------------------------------------------------ */
+
+VARN_EXPORT int startQuoninThread2(void) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_start_error_thread(void) VARN_NOEXCEPT;
+/* Takes the next whole packet body (blocking); the caller frees *body with free(). */
+VARN_EXPORT int varnP_take_packet(char** body, size_t* length, int wait) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_has_messages_waiting(void) VARN_NOEXCEPT;
+/* Reads and handles one incoming message on the application's thread. */
+VARN_EXPORT int varn_process_one_message(void) VARN_NOEXCEPT;
+VARN_EXPORT int read_file_win(int handle, void* buffer, size_t count, size_t* read) VARN_NOEXCEPT;
+VARN_EXPORT int varn_ReadFile(int handle, void* buffer, size_t count, size_t* read,
+                              void* overlapped) VARN_NOEXCEPT;
+VARN_EXPORT long varn_recv(int socket, void* buffer, size_t count, int flags) VARN_NOEXCEPT;
+VARN_EXPORT int varn_post_quonin_msg(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_remove_quonin_msg(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queueMsgCount(int delta) VARN_NOEXCEPT;
+
+/* ---- Message queue and the out-of-band lane ---------------------------- */
+
+VARN_EXPORT int varn_queue_init(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_deinit(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_put_msg(const char* source, const char* destination, const char* payload,
+                                   int category, size_t length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_get_msg(char** source, char** destination, char** payload, int* category,
+                                   size_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_get_outband_msg(char** source, char** destination, char** payload,
+                                           int* category, size_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_has_msg(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_flush_queue(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_outband_on(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_set_outband(varnHandle h, const int* categories) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_reset_outband(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_is_outband_chan(const char* source, int category) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_get_outband(int* channel, int** categories) VARN_NOEXCEPT;
+/* Category codes follow set, ending with 0. */
+VARN_EXPORT int varn_queue_set_waitcat(int** set, ...) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_free_waitcat(int** set) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_is_signal_msg(const char* source, int category, const char* payload,
+                                         size_t length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_queue_get_signal_msg(char** source, char** destination, char** payload,
+                                          int* category, size_t* length) VARN_NOEXCEPT;
+
+/* ---- Packet input and parsing ------------------------------------------ */
+
+VARN_EXPORT int varn_recv_init(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_recv_read_and_parse_message(int wait) VARN_NOEXCEPT;
+/* Splits a packet body in place (NULs after the three tokens). */
+VARN_EXPORT int varn_recv_parse_message(char* body, size_t length, char** destination,
+                                        char** source, int* category, char** payload,
+                                        size_t* payload_length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_parse_message(const char* source, const char* destination, const char* payload,
+                                   int category, size_t length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_recv_find_entry_exact(const char* address, int exact) VARN_NOEXCEPT;
+VARN_EXPORT int varn_receive_read_data(varnHandle h, int* category, char* buffer, int64_t size,
+                                       size_t* length, int lane) VARN_NOEXCEPT;
+VARN_EXPORT int varn_recv_read_data(varnHandle h, int* category, char* buffer, int64_t size,
+                                    size_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_recv_read_data_from_VarnInStreamData(varnHandle h, int* category, char* buffer,
+                                                          size_t* length) VARN_NOEXCEPT;
+VARN_EXPORT void varn_recv_intr_signal_handler(void) VARN_NOEXCEPT;
+
+/* ---- Protocol ---------------------------------------------------------- */
+
+VARN_EXPORT int varn_send_send_msg(varnHandle h, int category, const char* payload,
+                                   size_t length) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_send_framed(varnHandle h, int category, const char* payload,
+                                  size_t length) VARN_NOEXCEPT;
+
+/* ---- Messaging --------------------------------------------------------- */
+
+VARN_EXPORT int varn_send_msg(varnHandle h, int category, const char* data,
+                              int64_t length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_set_status(uint32_t status, const char* text) VARN_NOEXCEPT;
+VARN_EXPORT int varn_set_callback(VarnCallback callback) VARN_NOEXCEPT;
+VARN_EXPORT void varnP_set_callback(VarnCallback callback) VARN_NOEXCEPT;
+VARN_EXPORT void varnP_call_callback(varnHandle h) VARN_NOEXCEPT;
+
+VARN_EXPORT int varn_kill(varnHandle h) VARN_NOEXCEPT;
+VARN_EXPORT int varn_send_quon_cmd(const char* command) VARN_NOEXCEPT;
+VARN_EXPORT int varn_set_chan_mode(int mode) VARN_NOEXCEPT;
+VARN_EXPORT int varn_send_status_to_daemon(int status) VARN_NOEXCEPT;
+VARN_EXPORT int varn_send_trace_msg(const char* text) VARN_NOEXCEPT;
+VARN_EXPORT int varn_put_msg_in_queue(varnHandle h, int category, const char* data,
+                                      int64_t length) VARN_NOEXCEPT;
+/* The buffer must hold the longest message the peer may send plus one byte. */
+VARN_EXPORT int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_t* length,
+                          uint32_t default_category, int force) VARN_NOEXCEPT;
+VARN_EXPORT int varn_wait_for_any_from_handle(varnHandle h, uint32_t* category, char* buffer,
+                                              uint32_t* length, uint32_t default_category,
+                                              int force) VARN_NOEXCEPT;
+VARN_EXPORT int varn_recv_msg_len_new(varnHandle h, uint32_t* category, char* buffer,
+                                      uint64_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_recv_msg_len(varnHandle h, uint32_t* category, char* buffer,
+                                  uint32_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_recv_msg(varnHandle h, uint32_t* category, char* buffer) VARN_NOEXCEPT;
+/* Next piece of h's DATA stream: category DATA with the record, or END with
+   the END text followed by two NULs. capacity < 0 means no limit. */
+VARN_EXPORT int varn_recv_data(varnHandle h, uint32_t* category, char* buffer, int64_t capacity,
+                               uint32_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_truly_recv_data(varnHandle h, uint32_t* category, char* buffer,
+                                     int64_t capacity, uint32_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_read_data(varnHandle h, uint32_t* category, char* buffer,
+                               uint32_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_set_immediate_intr_kill_mode(varnHandle h, uint32_t flag) VARN_NOEXCEPT;
+VARN_EXPORT void KOnvtMainLoop(void) VARN_NOEXCEPT;
+VARN_EXPORT void KOMainLoop(void) VARN_NOEXCEPT;
+VARN_EXPORT int KOnvtAccept(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_readline(FILE* stream, char* buffer, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_readlineP(FILE* stream, char** line, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_writeline(FILE* stream, uint32_t newline, const char* text,
+                               int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_start_time(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_elapsed_time(uint32_t* seconds, uint32_t* microseconds) VARN_NOEXCEPT;
+VARN_EXPORT int varn_total_time(uint32_t* seconds, uint32_t* microseconds) VARN_NOEXCEPT;
+VARN_EXPORT int varn_sleep(int seconds, int milliseconds) VARN_NOEXCEPT;
+
+/* ---- Process invocation ------------------------------------------------ */
+
+/* error_text receives the hub's refusal, cut to 5800 bytes. */
+VARN_EXPORT int varn_invoke(varnHandle* h, const char* name, const char* host, const char* args,
+                            uint32_t keep, char* error_text, const char* workdir) VARN_NOEXCEPT;
+VARN_EXPORT int varn_invoke_ex(varnHandle* h, const char* name, const char* host, const char* args,
+                               uint32_t keep, char* error_text, const char* workdir) VARN_NOEXCEPT;
+VARN_EXPORT int varn_invoke_nonvelor_program(varnHandle* h, const char* name, const char* host,
+                                             const char* args, uint32_t keep, char* error_text,
+                                             uint32_t kind, const char* workdir) VARN_NOEXCEPT;
+VARN_EXPORT int varn_wait_until_invoked(varnHandle h, char* error_text) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_invoke_entry(varnHandle h, const char* name, const char* host,
+                                   const char* args, uint32_t keep, uint32_t non_velor,
+                                   char* error_text, uint32_t kind,
+                                   const char* workdir) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_invoke_entry_ex(varnHandle h, const char* name, const char* host,
+                                      const char* args, uint32_t keep, uint32_t non_velor,
+                                      char* error_text, uint32_t kind,
+                                      const char* workdir) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_reinvoke_process(varnHandle h) VARN_NOEXCEPT;
+VARN_EXPORT int varn_send_serial_protocol_setup_after_reinvoke(varnHandle h) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_enable_server_protocal(const char* name, const char* address) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_disable_server_protocal(const char* name) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_notify(const char* text) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_disconnect_process(varnHandle h) VARN_NOEXCEPT;
+
+/* ---- Connections and queries ------------------------------------------- */
+
+VARN_EXPORT int varn_connect_process(varnHandle* h, const char* name, const char* address,
+                                     const char* where) VARN_NOEXCEPT;
+VARN_EXPORT int varn_connect_server(varnHandle* h, varnHandle owner,
+                                    const char* server) VARN_NOEXCEPT;
+VARN_EXPORT int varnP_is_connected(const char* name, const char* address) VARN_NOEXCEPT;
+/* *list points into library memory, valid until the next request to Quon. */
+VARN_EXPORT int varn_query_pg_process(char** list) VARN_NOEXCEPT;
+VARN_EXPORT int varn_prep_query_result(char* list, char** cursor) VARN_NOEXCEPT;
+VARN_EXPORT int varn_get_query_result(char** cursor, char* name, char* address, char* third,
+                                      int* number) VARN_NOEXCEPT;
+VARN_EXPORT int varn_query_server_address(const char* server, char** address) VARN_NOEXCEPT;
+VARN_EXPORT int varn_query_status(varnHandle h, uint32_t* status, char* text) VARN_NOEXCEPT;
+VARN_EXPORT int varn_query_own_address(char* buffer) VARN_NOEXCEPT;
+
+/* ---- Debug mode -------------------------------------------------------- */
+
+VARN_EXPORT int varn_debug_true(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_debug_get_message_str(char** line, size_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_debug_parse_message(char* line, char** destination, char** source,
+                                         int* category, char** payload) VARN_NOEXCEPT;
+VARN_EXPORT int varn_debug_save_data(varnHandle h, const char* destination, const char* source,
+                                     int category, const char* payload, uint32_t recv_stream,
+                                     uint32_t send_stream) VARN_NOEXCEPT;
+VARN_EXPORT int varn_debug_read_data(varnHandle h, int* category, char* buffer, int64_t capacity,
+                                     size_t* length) VARN_NOEXCEPT;
+VARN_EXPORT int varn_debug_send_message(varnHandle h, int category, const char* payload,
+                                        uint32_t send_stream) VARN_NOEXCEPT;
+VARN_EXPORT int varn_debug_invoke_entry(varnHandle h, const char* program, const char* host,
+                                        const char* args, uint32_t keep,
+                                        const char* prefix) VARN_NOEXCEPT;
+VARN_EXPORT int varn_debug_query_status(varnHandle h, uint32_t* status, char* text) VARN_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VARN_H_ */

@@ -1,0 +1,67 @@
+// Descriptor I/O for the library and the hub.
+//
+// Every descriptor this layer creates is close-on-exec from birth; a child
+// inherits only what a spawn explicitly passes on. Reads and writes retry
+// on EINTR, so a signal that parks a thread (thread.h) never turns into a
+// failed transfer.
+#ifndef VARN_PLATFORM_IO_H_
+#define VARN_PLATFORM_IO_H_
+
+#include <cstddef>
+#include <cstdio>
+
+namespace varn::platform {
+
+inline constexpr int kInvalidFd = -1;
+
+// Creates a pipe; fds[0] reads, fds[1] writes. Both close-on-exec.
+bool CreatePipe(int fds[2]);
+
+// Creates a connected pair of stream sockets, both close-on-exec.
+bool CreateSocketPair(int fds[2]);
+
+// One read. Returns the byte count (0 at end of input) or -1 on failure.
+long ReadSome(int fd, void* buf, std::size_t count);
+
+// Reads until count bytes arrived, the input ended or a read failed.
+// Returns the bytes obtained; *failed is set when a read failed.
+std::size_t ReadFull(int fd, void* buf, std::size_t count, bool* failed);
+
+// One write. Returns the byte count or -1 on failure (errno kept).
+long WriteSome(int fd, const void* buf, std::size_t count);
+
+// Writes everything. False when a write fails.
+bool WriteAll(int fd, const void* buf, std::size_t count);
+
+// One send on a socket without raising SIGPIPE. -1 on failure.
+long SocketSend(int fd, const void* buf, std::size_t count);
+
+// One receive on a socket. -1 on failure, 0 at end.
+long SocketReceive(int fd, void* buf, std::size_t count);
+
+// Waits up to timeout_ms (negative: for ever) for fd to become readable.
+// True when readable (or at end of input / error, which a read then reports).
+bool WaitReadable(int fd, int timeout_ms);
+
+void Close(int fd);
+bool Duplicate2(int from, int to);
+// Descriptor of /dev/null opened for reading, or kInvalidFd.
+int OpenNullForReading();
+bool IsOpenFd(int fd);
+bool SetNonBlocking(int fd, bool on);
+bool SetCloseOnExec(int fd, bool on);
+// Replaces the trailing "XXXXXX" of name_template in place so that it names
+// a new file, creates it, and returns it opened as a stdio stream with mode
+// (nullptr on failure).
+std::FILE* CreateUniqueFile(char* name_template, const char* mode);
+// errno of the last failed call on this thread.
+int LastError();
+
+// The standard descriptors.
+inline constexpr int kStdin = 0;
+inline constexpr int kStdout = 1;
+inline constexpr int kStderr = 2;
+
+}  // namespace varn::platform
+
+#endif  // VARN_PLATFORM_IO_H_

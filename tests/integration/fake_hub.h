@@ -1,0 +1,73 @@
+// A scripted hub for the transport tests: starts a program linked to the
+// library on two pipes (or one socket), writes packets into its input and
+// reads its output byte for byte. Every read has a deadline.
+#ifndef VARN_TESTS_INTEGRATION_FAKE_HUB_H_
+#define VARN_TESTS_INTEGRATION_FAKE_HUB_H_
+
+#include <string>
+#include <vector>
+
+namespace varn::testing {
+
+struct Packet {
+  std::string raw;  // the whole packet, length digits and padding included
+  std::string destination;
+  std::string source;
+  std::string word;
+  std::string payload;  // without the sender's NUL padding
+};
+
+class FakeHub {
+ public:
+  struct Options {
+    bool socket = false;             // one socketpair end instead of two pipes
+    std::string parent = "quon";     // value of -quon_parentid ("" for none)
+    std::vector<std::string> extra;  // further arguments before the mode
+    std::vector<std::string> tail;   // arguments after the mode
+    std::vector<std::string> env;    // NAME=value added to the environment
+  };
+
+  FakeHub() = default;
+  ~FakeHub();
+  FakeHub(const FakeHub&) = delete;
+  FakeHub& operator=(const FakeHub&) = delete;
+
+  // Starts the peer program in the given scenario mode.
+  bool Start(const std::string& mode, const Options& options);
+  bool Start(const std::string& mode) { return Start(mode, Options{}); }
+
+  // Writes one packet to the program.
+  bool Send(const std::string& destination, const std::string& source, const std::string& word,
+            const std::string& payload = "");
+  bool SendRaw(const std::string& bytes);
+  // Reads one packet from the program; false on timeout or end.
+  bool Read(Packet* packet, int timeout_ms = 10000);
+  // Reads packets until one with this word comes; false on timeout.
+  bool ReadUntil(const std::string& word, Packet* packet, int timeout_ms = 10000);
+  // Next line the program reported; "" on timeout or end.
+  std::string Report(int timeout_ms = 10000);
+  // Reports until one starts with prefix; "" on timeout.
+  std::string ReportStarting(const std::string& prefix, int timeout_ms = 10000);
+  // Closes the program's input channel (the hub goes away).
+  void CloseInput();
+  // Waits for the program to end; its exit status, or -1 on timeout
+  // (then it is killed), or 128 + signal.
+  int WaitExit(int timeout_ms = 10000);
+  // The address the program uses for itself.
+  std::string ProgramAddress() const;
+  int pid() const { return pid_; }
+
+ private:
+  bool ReadBytes(std::string* out, std::size_t count, int timeout_ms);
+
+  int pid_ = -1;
+  int to_child_ = -1;
+  int from_child_ = -1;
+  int report_ = -1;
+  std::string report_buffer_;
+  bool exited_ = false;
+};
+
+}  // namespace varn::testing
+
+#endif  // VARN_TESTS_INTEGRATION_FAKE_HUB_H_

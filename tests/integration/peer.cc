@@ -1,0 +1,207 @@
+// A small program linked to libvarn that the transport tests start under a
+// scripted hub. It runs one scenario (first argument after the library's
+// options) and writes what it sees, one line per event, to the descriptor
+// given with "-report N".
+#include <unistd.h>
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "varn.h"
+
+namespace {
+
+int g_report = -1;
+std::atomic<long> g_counter{0};
+
+void Report(const char* format, ...) {
+  char line[8192];
+  va_list ap;
+  va_start(ap, format);
+  int n = std::vsnprintf(line, sizeof line - 1, format, ap);
+  va_end(ap);
+  if (n < 0) return;
+  if (n > static_cast<int>(sizeof line) - 2) n = sizeof line - 2;
+  line[n++] = '\n';
+  if (g_report >= 0) {
+    ssize_t w = write(g_report, line, static_cast<size_t>(n));
+    (void)w;
+  }
+}
+
+const char* Word(uint32_t code) {
+  static char word[32];
+  if (!varn_util_int_to_category(static_cast<int>(code), word)) std::strcpy(word, "?");
+  return word;
+}
+
+// The callback reports what arrived. For INTR it also checks that the
+// application's thread is held: the counter it increments must not move.
+void Callback(int h) {
+  if (h < 0) {
+    Report("callback quon");
+    return;
+  }
+  uint32_t category = VarnMessage[h].last_category;
+  if (category == VARN_INTR) {
+    long before = g_counter.load();
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(30);
+    while (std::chrono::steady_clock::now() < until) {
+    }
+    Report("callback INTR held=%d", g_counter.load() == before ? 1 : 0);
+    return;
+  }
+  char buffer[4096] = "";
+  uint32_t cat = 0;
+  uint32_t len = 0;
+  int saved = VarnErrorNo;
+  VarnErrorNo = 0;
+  varn_recv_msg_len(h, &cat, buffer, &len);
+  VarnErrorNo = saved;
+  Report("callback %s %s", Word(category), buffer);
+}
+
+int Connect(const char* name, const char* address) {
+  varnHandle h = -1;
+  if (!varn_connect_process(&h, name, address, nullptr)) Report("connect failed");
+  return h;
+}
+
+void ReportWait(int h) {
+  uint32_t category = 0, length = 0;
+  char buffer[4096] = "";
+  int r = varn_wait(h, &category, buffer, &length, 0, 1);
+  Report("wait %d err=%d cat=%s text=%s", r, VarnErrorNo, r ? Word(category) : "-", buffer);
+}
+
+void ReportStream(int h) {
+  for (;;) {
+    uint32_t category = 0, length = 0;
+    char buffer[4096];
+    int r = varn_recv_data(h, &category, buffer, sizeof buffer, &length);
+    if (!r) {
+      Report("data 0 err=%d cat=%s", VarnErrorNo, Word(category));
+      return;
+    }
+    if (category == VARN_END) {
+      Report("end %s", buffer);
+      return;
+    }
+    Report("record %u %.*s", length, static_cast<int>(length), buffer);
+  }
+}
+
+int Scenario(const std::string& mode, int argc, char** argv) {
+  if (mode == "serve") {
+    varn_set_callback(Callback);
+    Report("ready");
+    KOMainLoop();
+    return 0;
+  }
+  if (mode == "command") {  // CMD to S1, then wait for its answer
+    int h = Connect("srv", "S1@h");
+    int r = varn_send_msg(h, VARN_CMD, "run 1", 0);
+    Report("send %d err=%d", r, VarnErrorNo);
+    ReportWait(h);
+    return 0;
+  }
+  if (mode == "stream") {  // CMD to S1, wait for BEGIN, read the stream, wait for DONE
+    int h = Connect("srv", "S1@h");
+    Report("send %d", varn_send_msg(h, VARN_CMD, "sweep", 0));
+    ReportWait(h);
+    ReportStream(h);
+    ReportWait(h);
+    return 0;
+  }
+  if (mode == "begin") {  // BEGIN to S1, report how it ended
+    int h = Connect("srv", "S1@h");
+    int r = varn_send_msg(h, VARN_BEGIN, "title", 0);
+    Report("begin %d err=%d send_stream=%u", r, VarnErrorNo, VarnMessage[h].send_stream);
+    return 0;
+  }
+  if (mode == "two") {  // CMDs to S1 and S2, waits on S2 first, then S1
+    int s1 = Connect("one", "S1@h");
+    int s2 = Connect("two", "S2@h");
+    Report("send %d", varn_send_msg(s1, VARN_CMD, "a", 0));
+    Report("send %d", varn_send_msg(s2, VARN_CMD, "b", 0));
+    ReportWait(s2);
+    ReportWait(s1);
+    ReportStream(s1);
+    ReportWait(s1);
+    return 0;
+  }
+  if (mode == "spin") {  // busy in its own code; INTR and KILL arrive meanwhile
+    varn_set_callback(Callback);
+    Connect("interrupter", "I@h");
+    Report("ready");
+    for (;;) g_counter.fetch_add(1);
+  }
+  if (mode == "block") {  // blocked in a wait on S1
+    varn_set_callback(Callback);
+    int h = Connect("srv", "S1@h");
+    Connect("interrupter", "I@h");
+    Report("ready");
+    ReportWait(h);
+    return 0;
+  }
+  if (mode == "sticky") {  // after the hub's loss every call refuses with 43
+    int h = Connect("srv", "S1@h");
+    ReportWait(h);
+    int s = varn_send_msg(h, VARN_CMD, "x", 0);
+    Report("after send=%d err=%d", s, VarnErrorNo);
+    uint32_t c, l;
+    char b[16];
+    int w = varn_wait(h, &c, b, &l, 0, 1);
+    Report("after wait=%d err=%d", w, VarnErrorNo);
+    int k = varn_kill(h);
+    Report("after kill=%d err=%d", k, VarnErrorNo);
+    return 0;
+  }
+  if (mode == "args") {
+    std::string line = "args";
+    for (int i = 0; i < argc; ++i) line += std::string(" ") + argv[i];
+    line += " argc=" + std::to_string(argc);
+    Report("%s", line.c_str());
+    Report("parent=%s chan=%d", VarnMessage[0].address ? VarnMessage[0].address : "-",
+           VarnChanType);
+    return 0;
+  }
+  if (mode == "stderr") {  // a long line on the error stream
+    std::string text(600, 'x');
+    std::fprintf(stderr, "%s\n", text.c_str());
+    Report("written");
+    KOMainLoop();
+    return 0;
+  }
+  Report("unknown mode %s", mode.c_str());
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  varnHandle parent = -1;
+  int ok = varn_init(&argc, argv, &parent);
+  // The library's own options are gone now; read ours.
+  std::string mode;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "-report") == 0 && i + 1 < argc) {
+      g_report = std::atoi(argv[i + 1]);
+      ++i;
+    } else if (mode.empty() && argv[i][0] != '-') {
+      mode = argv[i];
+    }
+  }
+  if (!ok) {
+    Report("init failed err=%d", VarnErrorNo);
+    return 3;
+  }
+  Report("init parent=%d", parent);
+  int status = Scenario(mode, argc, argv);
+  varn_deinit();
+  return status;
+}

@@ -1,0 +1,309 @@
+// The transport as it fails in real use: a scripted hub drives a real
+// program over real pipes (or a socket) and checks the bytes it writes.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/integration/fake_hub.h"
+
+namespace varn::testing {
+namespace {
+
+constexpr char kS1[] = "S1@h";
+constexpr char kS2[] = "S2@h";
+
+class TransportTest : public ::testing::Test {
+ protected:
+  void StartPeer(const std::string& mode, FakeHub::Options options = {}) {
+    ASSERT_TRUE(hub_.Start(mode, options));
+    ASSERT_EQ(hub_.Report().rfind("init parent=", 0), 0u);
+    self_ = hub_.ProgramAddress();
+  }
+  Packet Expect(const std::string& word) {
+    Packet p;
+    EXPECT_TRUE(hub_.Read(&p)) << "waiting for " << word;
+    EXPECT_EQ(p.word, word) << p.raw;
+    return p;
+  }
+  // A message from an unknown source makes the library ask the hub for the
+  // process list to name it; answers that request.
+  void AnswerProcessList(const std::string& records) {
+    Packet request = Expect("QUERYP?");
+    EXPECT_EQ(request.destination, "quon");
+    EXPECT_EQ(request.payload, "NULL@NULL NULL NULL AllProcess ByName");
+    ASSERT_TRUE(hub_.Send(self_, "quon", "QUERYP", records));
+  }
+  // Answers the exit notice so the program can end.
+  void AckExitNotice() {
+    Packet p;
+    ASSERT_TRUE(hub_.ReadUntil("SRVR_ERR", &p));
+    EXPECT_EQ(p.destination, "quon");
+    ASSERT_TRUE(hub_.Send(self_, "quon", "ACK"));
+  }
+
+  FakeHub hub_;
+  std::string self_;
+};
+
+TEST_F(TransportTest, CommandExchangeIsByteExact) {
+  StartPeer("command");
+  Packet cmd = Expect("CMD");
+  std::string body = std::string(kS1) + " " + self_ + " CMD run 1";
+  std::size_t padded = body.size() + (body.size() % 4 == 2 ? 0 : 4 - (body.size() - 2) % 4);
+  char digits[8];
+  std::snprintf(digits, sizeof digits, "%06zu", padded);
+  EXPECT_EQ(cmd.raw, std::string(digits) + body + std::string(padded - body.size(), '\0'));
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(hub_.Report(), "send 1 err=0");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "finished"));
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=finished");
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, DoneBeforeAckIsQueuedForTheNextWait) {
+  StartPeer("command");
+  Expect("CMD");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "early"));
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(hub_.Report(), "send 1 err=0");
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=early");
+  AckExitNotice();
+}
+
+TEST_F(TransportTest, ServerAcknowledgesEachCommandAtOnce) {
+  StartPeer("serve");
+  EXPECT_EQ(hub_.Report(), "ready");
+  Expect("STATUS");  // the main loop announces itself
+  // A CMD from S1 is served at once.
+  ASSERT_TRUE(hub_.Send(self_, kS1, "CMD", "first"));
+  AnswerProcessList("client S1@h quon@h 0");
+  Packet ack = Expect("ACK");
+  EXPECT_EQ(ack.destination, kS1);
+  EXPECT_EQ(hub_.Report(), "callback CMD first");
+  ASSERT_TRUE(hub_.Send(self_, kS2, "CMD", "second"));
+  AnswerProcessList("client S1@h quon@h 0 other S2@h quon@h 1");
+  ack = Expect("ACK");
+  EXPECT_EQ(ack.destination, kS2);
+  EXPECT_EQ(hub_.Report(), "callback CMD second");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, QueuedCommandDuringAckWaitGetsOneAck) {
+  StartPeer("command");
+  Expect("CMD");
+  // While the program waits for S1's ACK, S2 sends a command.
+  ASSERT_TRUE(hub_.Send(self_, kS2, "CMD", "meanwhile"));
+  Packet ack = Expect("ACK");
+  EXPECT_EQ(ack.destination, kS2);
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(hub_.Report(), "send 1 err=0");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DONE"));
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=");
+  // The queued command is handled at exit time at the latest, without a
+  // second ACK: the next packet is the exit notice.
+  Packet next;
+  ASSERT_TRUE(hub_.Read(&next));
+  EXPECT_EQ(next.word, "SRVR_ERR");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "ACK"));
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, BatchedStreamReadsBackRecordByRecordAcrossPackets) {
+  StartPeer("stream");
+  Expect("CMD");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(hub_.Report(), "send 1");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "BEGIN", "rows"));
+  EXPECT_EQ(Expect("ACK").destination, kS1);
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=BEGIN text=rows");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DATA", "000003abc000002de"));
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DATA", std::string("000005f g h", 11)));
+  ASSERT_TRUE(hub_.Send(self_, kS1, "END", "done"));
+  EXPECT_EQ(hub_.Report(), "record 3 abc");
+  EXPECT_EQ(hub_.Report(), "record 2 de");
+  EXPECT_EQ(hub_.Report(), "record 5 f g h");
+  Expect("ACK");  // for the END
+  EXPECT_EQ(hub_.Report(), "end done");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "ok"));
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=ok");
+  AckExitNotice();
+}
+
+TEST_F(TransportTest, StatusAndQueryAreAnsweredByTheLibrary) {
+  StartPeer("serve");
+  EXPECT_EQ(hub_.Report(), "ready");
+  Expect("STATUS");
+  ASSERT_TRUE(hub_.Send(self_, "X@h", "STATUS?"));
+  Packet status = Expect("STATUS");
+  EXPECT_EQ(status.destination, "X@h");
+  EXPECT_EQ(status.payload, "IDLE");
+  ASSERT_TRUE(hub_.Send(self_, "X@h", "QUERY?", "X@h:nobody"));
+  Packet query = Expect("QUERY");
+  EXPECT_EQ(query.payload, "");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, BusyNakRefusesBegin) {
+  StartPeer("begin");
+  Expect("BEGIN");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "NAK", "BUSY"));
+  EXPECT_EQ(hub_.Report(), "begin 0 err=42 send_stream=1");
+  AckExitNotice();
+}
+
+TEST_F(TransportTest, PlainNakLeavesStreamOpen) {
+  StartPeer("begin");
+  Expect("BEGIN");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "NAK"));
+  EXPECT_EQ(hub_.Report(), "begin 0 err=0 send_stream=2");
+  AckExitNotice();
+}
+
+TEST_F(TransportTest, ExitNoticeDuringAckWaitClosesTheConnection) {
+  StartPeer("command");
+  Expect("CMD");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "SRVR_ERR", "exit 1"));
+  EXPECT_EQ(hub_.Report(), "send 0 err=13");
+  // The row is free now: a wait on it cannot be answered and fails at once.
+  EXPECT_EQ(hub_.Report(), "wait 0 err=13 cat=- text=");
+  AckExitNotice();
+}
+
+TEST_F(TransportTest, HubClosingTheChannelEndsTheWaitWith43) {
+  StartPeer("sticky");
+  hub_.CloseInput();
+  EXPECT_EQ(hub_.Report(), "wait 0 err=43 cat=- text=");
+  EXPECT_EQ(hub_.Report(), "after send=0 err=43");
+  EXPECT_EQ(hub_.Report(), "after wait=0 err=43");
+  EXPECT_EQ(hub_.Report(), "after kill=0 err=43");
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, HubLossDuringWaitOnPeerEndsWith43) {
+  StartPeer("sticky");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "SRVR_ERR"));
+  EXPECT_EQ(hub_.Report(), "wait 0 err=43 cat=- text=");
+  EXPECT_EQ(hub_.Report(), "after send=0 err=43");
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, IntrWhileSpinningHoldsTheApplicationThread) {
+  StartPeer("spin");
+  EXPECT_EQ(hub_.Report(), "ready");
+  ASSERT_TRUE(hub_.Send(self_, "I@h", "INTR", "stop"));
+  EXPECT_EQ(hub_.Report(), "callback INTR held=1");
+  // And again: the thread carried on after the first one.
+  ASSERT_TRUE(hub_.Send(self_, "I@h", "INTR"));
+  EXPECT_EQ(hub_.Report(), "callback INTR held=1");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  EXPECT_EQ(hub_.Report(), "callback KILL ");
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, IntrDuringBlockedWaitLetsTheWaitGoOn) {
+  StartPeer("block");
+  EXPECT_EQ(hub_.Report(), "ready");
+  ASSERT_TRUE(hub_.Send(self_, "I@h", "INTR", "poke"));
+  EXPECT_EQ(hub_.Report(), "callback INTR held=1");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "after"));
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=after");
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, KillWhileWaitingEndsWithStatusZeroAfterExitNotice) {
+  StartPeer("block");
+  EXPECT_EQ(hub_.Report(), "ready");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  Packet notice;
+  ASSERT_TRUE(hub_.ReadUntil("SRVR_ERR", &notice));
+  EXPECT_EQ(notice.destination, "quon");
+  EXPECT_EQ(notice.source, self_);
+  ASSERT_TRUE(hub_.Send(self_, "quon", "ACK"));
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, PingNeverReachesTheApplication) {
+  StartPeer("serve");
+  EXPECT_EQ(hub_.Report(), "ready");
+  Expect("STATUS");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "PING"));
+  ASSERT_TRUE(hub_.Send(self_, "X@h", "DATA", "after ping"));
+  AnswerProcessList("x X@h quon@h 0");
+  EXPECT_EQ(hub_.Report(), "callback DATA after ping");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  AckExitNotice();
+}
+
+TEST_F(TransportTest, TwoPeersInterleavedAreEachReadInTurn) {
+  StartPeer("two");
+  Expect("CMD");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  Expect("CMD");
+  ASSERT_TRUE(hub_.Send(self_, kS2, "ACK"));
+  EXPECT_EQ(hub_.Report(), "send 1");
+  EXPECT_EQ(hub_.Report(), "send 1");
+  // While the program waits on S2, S1 sends a whole stream and its DONE.
+  ASSERT_TRUE(hub_.Send(self_, kS1, "BEGIN", "t"));
+  EXPECT_EQ(Expect("ACK").destination, kS1);
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DATA", "000002r1000002r2"));
+  ASSERT_TRUE(hub_.Send(self_, kS1, "END"));
+  EXPECT_EQ(Expect("ACK").destination, kS1);
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "one"));
+  ASSERT_TRUE(hub_.Send(self_, kS2, "DONE", "two"));
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=two");
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=BEGIN text=t");
+  EXPECT_EQ(hub_.Report(), "record 2 r1");
+  EXPECT_EQ(hub_.Report(), "record 2 r2");
+  EXPECT_EQ(hub_.Report(), "end ");
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=one");
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, OptionsAreRemovedAndScanStopsAtMissingArgument) {
+  FakeHub::Options options;
+  options.parent = "12@h";
+  options.extra = {"-x"};
+  options.tail = {"-quon_sleep"};  // its argument is missing: the scan stops there
+  ASSERT_TRUE(hub_.Start("args", options));
+  EXPECT_EQ(hub_.Report(), "init parent=0");
+  std::string line = hub_.Report();
+  EXPECT_NE(line.find(" -x -report "), std::string::npos) << line;
+  EXPECT_NE(line.find(" args -quon_sleep argc=6"), std::string::npos) << line;
+  EXPECT_EQ(line.find("-quon_quonin"), std::string::npos) << line;
+  EXPECT_EQ(hub_.Report(), "parent=12@h chan=1");
+}
+
+TEST_F(TransportTest, InvalidDescriptorArgumentFailsInit) {
+  FakeHub::Options options;
+  options.extra = {"-quon_quonin", "1a4x"};  // the later one wins
+  ASSERT_TRUE(hub_.Start("args", options));
+  EXPECT_EQ(hub_.Report(), "init failed err=6");
+  EXPECT_EQ(hub_.WaitExit(), 3);
+}
+
+TEST_F(TransportTest, SocketModeForwardsLongErrorLineInTwoPackets) {
+  FakeHub::Options options;
+  options.socket = true;
+  StartPeer("stderr", options);
+  EXPECT_EQ(hub_.Report(), "written");
+  Packet first, second;
+  ASSERT_TRUE(hub_.ReadUntil("STDERR", &first));
+  ASSERT_TRUE(hub_.ReadUntil("STDERR", &second));
+  EXPECT_EQ(first.destination, "quon");
+  EXPECT_EQ(first.payload, std::string(511, 'x'));
+  EXPECT_EQ(second.payload, std::string(89, 'x'));
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+}  // namespace
+}  // namespace varn::testing

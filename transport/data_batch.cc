@@ -1,0 +1,111 @@
+#include "transport/data_batch.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/library_state.h"
+#include "transport/wire_format.h"
+#include "varn.h"
+
+namespace {
+
+namespace wire = varn::wire;
+
+constexpr std::size_t kStartCapacity = 32768;
+
+char g_destination[1024];  // empty: no batch open
+char* g_buffer = nullptr;
+std::size_t g_capacity = 0;
+std::size_t g_length = 0;  // bytes of the packet under construction, header space included
+
+std::size_t HeaderSize(const char* destination) {
+  return wire::kLengthDigits + std::strlen(destination) + 1 +
+         std::strlen(varn::core::State().own_address) + 1 + std::strlen("DATA") + 1;
+}
+
+}  // namespace
+
+namespace varn::transport {
+
+void ResetBatchForInit() {
+  g_destination[0] = '\0';
+  g_length = 0;
+}
+
+}  // namespace varn::transport
+
+extern "C" int varnP_data_batch_add(const char* destination, const void* payload,
+                                    size_t length) noexcept {
+  if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
+  if (HeaderSize(destination) + wire::kLengthDigits + length >= wire::kPacketLimit) {
+    VarnErrorNo = VARN_E_TOO_LONG;
+    return 0;
+  }
+  if (g_destination[0] == '\0' || std::strcmp(g_destination, destination) != 0) {
+    if (!varnP_data_batch_flush() || !varnP_data_batch_open(destination)) return 0;
+  }
+  // A full batch goes out first; a batch that holds no record yet is not
+  // flushed (it would be an empty DATA packet), it grows instead.
+  bool has_records = g_length > HeaderSize(g_destination);
+  if (g_buffer != nullptr && has_records &&
+      (g_length + wire::kLengthDigits + length >= wire::kPacketLimit ||
+       g_length + wire::kLengthDigits + length >= g_capacity)) {
+    if (!varnP_data_batch_flush() || !varnP_data_batch_open(destination)) return 0;
+  }
+  // Records, up to three bytes of padding and a terminator.
+  std::size_t need = g_length + wire::kLengthDigits + length + 4;
+  if (g_buffer == nullptr || g_capacity < need) {
+    std::size_t grow = g_length + length + 7 + 256;
+    if (grow < kStartCapacity) grow = kStartCapacity;
+    char* p = static_cast<char*>(std::realloc(g_buffer, grow));
+    if (p == nullptr) {
+      VarnErrorNo = VARN_E_MALLOC;
+      return 0;
+    }
+    g_buffer = p;
+    g_capacity = grow;
+  }
+  char digits[8];
+  std::snprintf(digits, sizeof digits, "%06zu", length);
+  std::memcpy(g_buffer + g_length, digits, wire::kLengthDigits);
+  g_length += wire::kLengthDigits;
+  if (length > 0) std::memcpy(g_buffer + g_length, payload, length);
+  g_length += length;
+  return 1;
+}
+
+extern "C" int varnP_data_batch_open(const char* destination) noexcept {
+  std::snprintf(g_destination, sizeof g_destination, "%s", destination);
+  g_length = HeaderSize(g_destination);
+  return 1;
+}
+
+extern "C" int varnP_data_batch_flush(void) noexcept {
+  if (g_length == 0 || g_buffer == nullptr || g_destination[0] == '\0') return 1;
+  std::size_t c = g_length - wire::kLengthDigits;
+  std::size_t p = wire::PaddingFor(c);
+  std::size_t body = c + p;
+  std::memset(g_buffer + g_length, 0, p);
+  char header[1400];
+  int n = std::snprintf(header, sizeof header, "%06zu%s %s %s ", body, g_destination,
+                        varn::core::State().own_address, "DATA");
+  std::memcpy(g_buffer, header, static_cast<std::size_t>(n));
+  if (!varnP_write_packet(g_buffer, wire::kLengthDigits + body)) return 0;
+  g_length = 0;
+  g_buffer[0] = '\0';
+  g_destination[0] = '\0';
+  return 1;
+}
+
+extern "C" int varnP_data_batch_reset(void) noexcept {
+  std::free(g_buffer);
+  g_buffer = static_cast<char*>(std::malloc(kStartCapacity));
+  if (g_buffer == nullptr) {
+    g_capacity = 0;
+    VarnErrorNo = VARN_E_MALLOC;
+    return 0;
+  }
+  g_capacity = kStartCapacity;
+  return 1;
+}

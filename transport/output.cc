@@ -1,0 +1,228 @@
+// Packet output: building packets and writing them to the channel.
+#include "transport/output.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "core/diag.h"
+#include "core/library_state.h"
+#include "platform/io.h"
+#include "platform/thread.h"
+#include "services/debug_mode.h"
+#include "transport/data_batch.h"
+#include "transport/wire_format.h"
+#include "varn.h"
+
+namespace {
+
+using varn::core::State;
+namespace wire = varn::wire;
+namespace platform = varn::platform;
+
+std::recursive_mutex g_send_lock;
+std::mutex g_wire_lock;
+std::atomic<int> g_trace_counter{1};
+
+thread_local bool t_interrupt_context = false;
+thread_local bool t_private_buffer = false;
+thread_local bool t_wire_only = false;
+
+// The shared packet buffer: owned by the application's thread.
+char* g_shared = nullptr;
+std::size_t g_shared_capacity = 0;
+
+// Buffer of a thread that does not use the shared one.
+std::vector<char>& PrivateBuffer() {
+  thread_local std::vector<char> buffer;
+  return buffer;
+}
+
+// A buffer with more than `body + 7` bytes for the calling thread; grows
+// to body + 7 + 5800 so that a run of similar packets allocates once.
+char* PacketBuffer(std::size_t body) {
+  std::size_t need = body + 7 + VARN_STATUS_TEXT_SIZE;
+  if (t_private_buffer) {
+    auto& b = PrivateBuffer();
+    if (b.size() <= body + 7) b.resize(need);
+    return b.data();
+  }
+  if (g_shared_capacity <= body + 7) {
+    char* grown = static_cast<char*>(std::realloc(g_shared, need));
+    if (grown == nullptr) return nullptr;
+    g_shared = grown;
+    g_shared_capacity = need;
+  }
+  return g_shared;
+}
+
+int BuildAndWrite(char* buf, std::size_t capacity, const char* destination, const char* source,
+                  int category, const void* payload, std::size_t length) {
+  std::size_t size = 0;
+  wire::WireError e = wire::BuildPacket(buf, capacity, destination ? destination : "",
+                                        source ? source : "", category, payload, length, &size);
+  if (e != wire::WireError::kOk) {
+    VarnErrorNo = static_cast<int>(e);
+    return 0;
+  }
+  buf[size] = '\0';  // the spare byte, for the trace line
+  return varnP_write_packet(buf, size);
+}
+
+}  // namespace
+
+namespace varn::transport {
+
+void SetInterruptContext(bool on) { t_interrupt_context = on; }
+bool InInterruptContext() { return t_interrupt_context; }
+void UsePrivatePacketBuffer() { t_private_buffer = true; }
+void SetWireOnlyThread() { t_wire_only = true; }
+
+SendLockGuard::SendLockGuard() : locked_(!t_interrupt_context && !t_wire_only) {
+  if (locked_) g_send_lock.lock();
+}
+SendLockGuard::~SendLockGuard() {
+  if (locked_) g_send_lock.unlock();
+}
+
+}  // namespace varn::transport
+
+extern "C" int varn_send_init(void) noexcept {
+  varn::transport::ResetBatchForInit();
+  return 1;
+}
+
+extern "C" int varn_send_packet(const char* destination, const char* source, int category,
+                                const void* payload, size_t length) noexcept {
+  if (category == VARN_END) {
+    if (!varnP_data_batch_flush()) return 0;
+    varnP_data_batch_reset();
+  }
+  if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
+  if (varn_debug_true()) return 1;
+  std::size_t body = 0;
+  const char* word = wire::CategoryWord(category);
+  if (word == nullptr) {
+    VarnErrorNo = VARN_E_CATEGORY;
+    return 0;
+  }
+  body = wire::BodyLength(destination ? destination : "", source ? source : "", word,
+                          payload ? length : 0);
+  if (wire::kLengthDigits + body >= wire::kPacketLimit) {
+    VarnErrorNo = VARN_E_TOO_LONG;
+    return 0;
+  }
+  char* buf = PacketBuffer(body);
+  if (buf == nullptr) {
+    VarnErrorNo = VARN_E_MALLOC;
+    return 0;
+  }
+  return BuildAndWrite(buf, body + 7, destination, source, category, payload, length);
+}
+
+extern "C" int varn_send_packet_signal(const char* destination, const char* source, int category,
+                                       const void* payload, size_t length) noexcept {
+  char buf[VARN_STATUS_TEXT_SIZE];
+  if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
+  const char* word = wire::CategoryWord(category);
+  if (word == nullptr) {
+    VarnErrorNo = VARN_E_CATEGORY;
+    return 0;
+  }
+  // These answers (STATUS, QUERY) are composed while a message is parsed,
+  // possibly on the input thread; they never allocate. A payload that would
+  // not fit the 5800-byte buffer (a long status text) is cut so that the
+  // answer still goes out.
+  std::size_t fixed =
+      wire::BodyLength(destination ? destination : "", source ? source : "", word, 1) +
+      wire::kLengthDigits - 1;
+  std::size_t room = sizeof buf - 1 > fixed + 3 ? sizeof buf - 1 - fixed - 3 : 0;
+  if (length > room) length = room;
+  return BuildAndWrite(buf, sizeof buf - 1, destination, source, category,
+                       length > 0 ? payload : nullptr, length);
+}
+
+extern "C" int varnP_write_packet(char* buffer, size_t size) noexcept {
+  varn::transport::SendLockGuard send_lock;
+  {
+    // A hold that arrives while this thread has bytes of a packet on the
+    // channel waits until the packet is whole.
+    platform::DeferHoldScope defer;
+    std::lock_guard<std::mutex> wire_lock(g_wire_lock);
+    std::size_t done = 0;
+    while (done < size) {
+      std::size_t written = 0;
+      bool ok = write_file_win(State().quonout_fd, buffer + done, size - done, &written);
+      done += written;
+      if (!ok && done < size) {
+        int e = platform::LastError();
+        if (e == EINTR || e == EAGAIN) continue;  // nothing lost: try the rest again
+        VarnErrorNo = VARN_E_PIPE_WRITE;
+        return 0;
+      }
+    }
+  }
+  // The error-forwarding thread's own packets are not traced: the trace
+  // line would go back into the error pipe and be forwarded again.
+  if (State().trace && !t_wire_only) {
+    buffer[size] = '\0';
+    varn::core::Diag(">>> quonout ---> %d [%s]\n", g_trace_counter.fetch_add(1), buffer);
+  }
+  return 1;
+}
+
+// Writes on the output channel. The wire lock (the socket write lock) is
+// already held by varnP_write_packet, the only caller inside the library.
+extern "C" int write_file_win(int handle, const void* buffer, size_t count,
+                              size_t* written) noexcept {
+  *written = 0;
+  switch (VarnChanType) {
+    case VARN_CHAN_SOCKET: {
+      long n = varn_send(State().socket_fd, buffer, count, 0);
+      if (n < 0 || static_cast<size_t>(n) > count) return 0;
+      *written = static_cast<size_t>(n);
+      return 1;
+    }
+    case VARN_CHAN_PIPE:
+    case VARN_CHAN_STANDALONE:
+      return varn_WriteFile(handle, buffer, count, written, nullptr);
+    default:
+      return 0;
+  }
+}
+
+extern "C" int varn_WriteFile(int handle, const void* buffer, size_t count, size_t* written,
+                              void* /*overlapped*/) noexcept {
+  *written = 0;
+  const char* p = static_cast<const char*>(buffer);
+  constexpr size_t kPiece = 2147483647;
+  while (count > 0) {
+    size_t piece = count < kPiece ? count : kPiece;
+    long n = platform::WriteSome(handle, p, piece);
+    if (n < 0) return 0;
+    if (n == 0) return 0;
+    *written += static_cast<size_t>(n);
+    p += n;
+    count -= static_cast<size_t>(n);
+  }
+  return 1;
+}
+
+extern "C" long varn_send(int socket, const void* buffer, size_t count, int /*flags*/) noexcept {
+  const char* p = static_cast<const char*>(buffer);
+  long total = 0;
+  constexpr size_t kPiece = 2147483647;
+  while (count > 0) {
+    size_t piece = count < kPiece ? count : kPiece;
+    long n = platform::SocketSend(socket, p, piece);
+    if (n < 0) return -1;
+    if (n == 0) break;
+    total += n;
+    p += n;
+    count -= static_cast<size_t>(n);
+  }
+  return total;
+}

@@ -1,0 +1,147 @@
+#include "transport/stream_buffer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "transport/wire_format.h"
+#include "varn.h"
+
+namespace varn::transport::stream {
+namespace {
+
+constexpr std::size_t kMinCapacity = 32768;
+
+char g_source[256];
+char* g_buffer = nullptr;
+std::size_t g_capacity = 0;
+std::size_t g_offset = 0;  // read offset
+std::size_t g_unread = 0;  // unread bytes from g_offset
+char* g_end_text = nullptr;
+bool g_ended = false;
+
+void Empty() {
+  g_unread = 0;
+  g_offset = 0;
+}
+
+// Skips the padding NULs before a record. Returns false when the data is
+// not a record.
+bool LocateRecord(std::size_t* skipped, std::size_t* length) {
+  std::size_t skip = 0;
+  while (skip < 3 && skip < g_unread && g_buffer[g_offset + skip] == '\0') ++skip;
+  if (g_unread - skip <= wire::kLengthDigits) {
+    if (skip < g_unread && g_buffer[g_offset + skip] == '\0') return false;
+    *skipped = skip;
+    *length = 0;
+    return true;
+  }
+  if (g_buffer[g_offset + skip] == '\0') return false;  // a fourth NUL
+  std::size_t n = 0;
+  if (wire::ParseLength(g_buffer + g_offset + skip, &n) != wire::WireError::kOk) return false;
+  if (n > g_unread - skip - wire::kLengthDigits) return false;
+  *skipped = skip;
+  *length = n;
+  return true;
+}
+
+}  // namespace
+
+void Reset() {
+  g_source[0] = '\0';
+  std::free(g_buffer);
+  g_buffer = nullptr;
+  g_capacity = 0;
+  Empty();
+  FreeEndText();
+  g_ended = false;
+}
+
+bool Append(const char* source, const char* payload, std::size_t length) {
+  SetSource(source);
+  if (g_offset > 0 && g_unread > 0) std::memmove(g_buffer, g_buffer + g_offset, g_unread);
+  g_offset = 0;
+  std::size_t need = g_unread + length;
+  if (need > g_capacity) {
+    std::size_t grow = need + 256 > kMinCapacity ? need + 256 : kMinCapacity;
+    char* p = static_cast<char*>(std::realloc(g_buffer, grow));
+    if (p == nullptr) {
+      VarnErrorNo = VARN_E_MALLOC;
+      return false;
+    }
+    g_buffer = p;
+    g_capacity = grow;
+  }
+  if (length > 0) std::memcpy(g_buffer + g_unread, payload, length);
+  g_unread += length;
+  return true;
+}
+
+std::size_t Unread() { return g_unread; }
+const char* Source() { return g_source; }
+void SetSource(const char* source) {
+  std::snprintf(g_source, sizeof g_source, "%s", source ? source : "");
+}
+
+bool PeekLength(std::size_t* length) {
+  if (g_unread <= wire::kLengthDigits) {
+    *length = 0;
+    Empty();
+    return true;
+  }
+  std::size_t skipped;
+  if (!LocateRecord(&skipped, length)) {
+    Empty();
+    return false;
+  }
+  if (g_unread - skipped <= wire::kLengthDigits) Empty();
+  return true;
+}
+
+bool TakeRecord(char* buffer, std::size_t* length) {
+  if (g_unread <= wire::kLengthDigits) {
+    *length = 0;
+    buffer[0] = '\0';
+    Empty();
+    return true;
+  }
+  std::size_t skipped, n;
+  if (!LocateRecord(&skipped, &n)) {
+    Empty();
+    return false;
+  }
+  if (g_unread - skipped <= wire::kLengthDigits) {
+    *length = 0;
+    buffer[0] = '\0';
+    Empty();
+    return true;
+  }
+  std::memcpy(buffer, g_buffer + g_offset + skipped + wire::kLengthDigits, n);
+  buffer[n] = '\0';
+  std::size_t used = skipped + wire::kLengthDigits + n;
+  g_offset += used;
+  g_unread -= used;
+  if (g_unread < wire::kLengthDigits) Empty();
+  *length = n;
+  return true;
+}
+
+const char* EndText() { return g_end_text; }
+
+bool SetEndText(const char* text) {
+  char* copy = strdup(text);
+  if (copy == nullptr) return false;
+  std::free(g_end_text);
+  g_end_text = copy;
+  return true;
+}
+
+void FreeEndText() {
+  std::free(g_end_text);
+  g_end_text = nullptr;
+}
+
+bool Ended() { return g_ended; }
+void SetEnded() { g_ended = true; }
+
+}  // namespace varn::transport::stream
