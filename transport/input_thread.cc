@@ -124,7 +124,7 @@ ReadResult ReadPacket(PacketBody* packet, bool input_thread) {
 
 void HandleInterrupt(PacketBody packet, int category) {
   platform::ThreadHold::Hold();
-  if (State().trace) {
+  if (State().trace && (category == wire::kKill || category == wire::kIntr)) {
     Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
   }
   // The held thread may be in the middle of a call that looks at
@@ -179,7 +179,12 @@ void PacketLoop() {
     }
     int category = wire::kNone;
     wire::CategoryFromWord(header.word, &category);
-    if (category == wire::kKill || category == wire::kIntr) {
+    // STATUS? and QUERY? are answered here, with the application's thread
+    // held like for an interrupt, so that a process busy in its own code
+    // (a server computing a long answer) still reports BUSY and its
+    // progress text instead of answering only once it reads again.
+    if (category == wire::kKill || category == wire::kIntr ||
+        category == wire::kStatusQuery || category == wire::kQueryQuery) {
       HandleInterrupt(packet, category);
     } else if (category == wire::kPing) {
       if (State().trace) {
@@ -215,7 +220,7 @@ void LineLoop() {
     char c;
     long n = platform::ReadSome(State().quonin_fd, &c, 1);
     if (n <= 0) {
-      Diag("@@@ ReadFile() failed\n");
+      if (n < 0) Diag("@@@ ReadFile() failed\n");  // the plain end of input is no failure
       break;
     }
     line[used++] = c;

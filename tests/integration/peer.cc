@@ -137,6 +137,7 @@ int Scenario(const std::string& mode, int argc, char** argv) {
   if (mode == "spin") {  // busy in its own code; INTR and KILL arrive meanwhile
     varn_set_callback(Callback);
     Connect("interrupter", "I@h");
+    varn_set_status(VARN_STATUS_BUSY, "spinning");
     Report("ready");
     for (;;) g_counter.fetch_add(1);
   }

@@ -206,6 +206,19 @@ TEST_F(TransportTest, IntrWhileSpinningHoldsTheApplicationThread) {
   EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
+TEST_F(TransportTest, StatusQueryIsAnsweredWhileBusyInOwnCode) {
+  StartPeer("spin");
+  EXPECT_EQ(hub_.Report(), "ready");
+  ASSERT_TRUE(hub_.Send(self_, "X@h", "STATUS?"));
+  Packet status = Expect("STATUS");
+  EXPECT_EQ(status.destination, "X@h");
+  EXPECT_EQ(status.source, self_);
+  EXPECT_EQ(status.payload, "BUSY spinning");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
 TEST_F(TransportTest, IntrDuringBlockedWaitLetsTheWaitGoOn) {
   StartPeer("block");
   EXPECT_EQ(hub_.Report(), "ready");
