@@ -96,8 +96,8 @@ int main(int argc, char** argv) {
     int n = size > 4096 ? count / 10 : count;
     double channel = ChannelRun(size, n);
     double pipe = PipeRun(size, n);
-    std::printf("%-28s %14.0f %14.0f %7.2fx\n",
-                (std::to_string(size) + "-byte bodies").c_str(), channel, pipe, channel / pipe);
+    std::printf("%-28s %14.0f %14.0f %7.2fx\n", (std::to_string(size) + "-byte bodies").c_str(),
+                channel, pipe, channel / pipe);
   }
   return 0;
 }

@@ -27,8 +27,7 @@
 
 namespace {
 
-constexpr const char* kUsage =
-    "commands: sweep START STOP COUNT [DELAY_MS] | corner HZ | help";
+constexpr const char* kUsage = "commands: sweep START STOP COUNT [DELAY_MS] | corner HZ | help";
 double g_corner_hz = 1e4;
 
 bool ParseNumber(const char* text, double* value) {
@@ -78,11 +77,12 @@ void Sweep(int h, const std::vector<std::string>& w) {
   }
   int n = static_cast<int>(count);
   char line[160];
-  std::snprintf(line, sizeof line, "sweep %g Hz .. %g Hz, %d points, corner %g Hz", start, stop,
-                n, g_corner_hz);
+  std::snprintf(line, sizeof line, "sweep %g Hz .. %g Hz, %d points, corner %g Hz", start, stop, n,
+                g_corner_hz);
   if (!varn_send_msg(h, VARN_BEGIN, line, 0)) {
-    Send(h, VARN_ERROR, std::string("sweep: client refused the stream: ") +
-                            varn_get_error_message(varn_get_error_no()));
+    Send(h, VARN_ERROR,
+         std::string("sweep: client refused the stream: ") +
+             varn_get_error_message(varn_get_error_no()));
     return;
   }
   for (int i = 0; i < n; ++i) {
@@ -90,8 +90,7 @@ void Sweep(int h, const std::vector<std::string>& w) {
     double ratio = f / g_corner_hz;
     double gain_db = -10.0 * std::log10(1.0 + ratio * ratio);
     double phase_deg = -std::atan(ratio) * 180.0 / M_PI;
-    std::snprintf(line, sizeof line, "f=%.6g gain_db=%.4f phase_deg=%.3f", f, gain_db,
-                  phase_deg);
+    std::snprintf(line, sizeof line, "f=%.6g gain_db=%.4f phase_deg=%.3f", f, gain_db, phase_deg);
     char progress[64];
     std::snprintf(progress, sizeof progress, "row %d of %d", i + 1, n);
     varn_set_status(VARN_STATUS_BUSY, progress);

@@ -183,8 +183,8 @@ void PacketLoop() {
     // held like for an interrupt, so that a process busy in its own code
     // (a server computing a long answer) still reports BUSY and its
     // progress text instead of answering only once it reads again.
-    if (category == wire::kKill || category == wire::kIntr ||
-        category == wire::kStatusQuery || category == wire::kQueryQuery) {
+    if (category == wire::kKill || category == wire::kIntr || category == wire::kStatusQuery ||
+        category == wire::kQueryQuery) {
       HandleInterrupt(packet, category);
     } else if (category == wire::kPing) {
       if (State().trace) {

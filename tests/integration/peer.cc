@@ -65,6 +65,32 @@ void Callback(int h) {
   Report("callback %s %s", Word(category), buffer);
 }
 
+// Debug-mode server: answers a CMD with DONE ok; after a BEGIN it reads the
+// data lines and reports them.
+void EchoCallback(int h) {
+  if (h < 0) return;
+  uint32_t category = VarnMessage[h].last_category;
+  if (category == VARN_CMD) {
+    varn_send_msg(h, VARN_DONE, "ok", 0);
+  } else if (category == VARN_BEGIN) {
+    for (;;) {
+      uint32_t cat = 0, length = 0;
+      static char buffer[1000000];
+      int r = varn_recv_data(h, &cat, buffer, sizeof buffer - 1, &length);
+      if (!r) {
+        Report("data failed err=%d length=%u", VarnErrorNo, length);
+        r = varn_recv_data(h, &cat, buffer, sizeof buffer, &length);
+        if (!r) return;
+      }
+      if (cat == VARN_END) {
+        Report("end %s", buffer);
+        break;
+      }
+      Report("record %s", buffer);
+    }
+  }
+}
+
 int Connect(const char* name, const char* address) {
   varnHandle h = -1;
   if (!varn_connect_process(&h, name, address, nullptr)) Report("connect failed");
@@ -176,6 +202,88 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     std::fprintf(stderr, "%s\n", text.c_str());
     Report("written");
     KOMainLoop();
+    return 0;
+  }
+  if (mode == "end-wait") {  // a wait that meets the END of a stream fails with 4
+    int h = Connect("srv", "S1@h");
+    Report("send %d", varn_send_msg(h, VARN_CMD, "x", 0));
+    ReportWait(h);  // BEGIN
+    ReportWait(h);  // END
+    return 0;
+  }
+  if (mode == "immediate") {  // INTR from the waited-for peer goes to the callback
+    varn_set_callback(Callback);
+    int h = Connect("srv", "S1@h");
+    varn_set_immediate_intr_kill_mode(h, 1);
+    Report("ready");
+    ReportWait(h);
+    return 0;
+  }
+  if (mode == "any") {  // a queued DONE answers a later wait at once
+    int s1 = Connect("one", "S1@h");
+    int s2 = Connect("two", "S2@h");
+    Report("send %d", varn_send_msg(s1, VARN_CMD, "a", 0));
+    Report("send %d", varn_send_msg(s2, VARN_CMD, "b", 0));
+    ReportWait(s2);
+    uint32_t category = 0, length = 0;
+    char buffer[64] = "";
+    int r = varn_wait_for_any_from_handle(s1, &category, buffer, &length, 0, 1);
+    Report("any %d cat=%s text=%s", r, Word(category), buffer);
+    char copy[64];
+    uint32_t copy_len = 0;
+    r = varn_recv_msg_len(s1, &category, copy, &copy_len);
+    Report("recv_msg_len %d len=%u text=%s", r, copy_len, copy);
+    return 0;
+  }
+  if (mode == "quon-cmd") {  // two hub commands: the first done, the second refused
+    int r = varn_send_quon_cmd("list");
+    Report("cmd %d err=%d", r, VarnErrorNo);
+    r = varn_set_chan_mode(3);
+    Report("chan %d err=%d mode=%d", r, VarnErrorNo, varn_get_chan_mode());
+    return 0;
+  }
+  if (mode == "small-buffer") {  // a record larger than the buffer, then a larger buffer
+    int h = Connect("srv", "S1@h");
+    Report("send %d", varn_send_msg(h, VARN_CMD, "x", 0));
+    ReportWait(h);  // BEGIN
+    uint32_t category = 0, length = 0;
+    char small[4];
+    int r = varn_recv_data(h, &category, small, sizeof small, &length);
+    Report("small %d err=%d", r, VarnErrorNo);
+    ReportStream(h);
+    return 0;
+  }
+  if (mode == "read-after-end") {  // the stream ended before its data was read
+    int h = Connect("srv", "S1@h");
+    Report("send %d", varn_send_msg(h, VARN_CMD, "x", 0));
+    ReportWait(h);  // BEGIN
+    ReportWait(h);  // DATA, appended to the stream
+    ReportWait(h);  // END: not a reply, fails with 4
+    for (;;) {
+      uint32_t category = 0, length = 0;
+      char buffer[64];
+      int r = varn_read_data(h, &category, buffer, &length);
+      int err = VarnErrorNo;
+      Report("read_data %d err=%d cat=%s len=%u text=%s", r, err, Word(category), length, buffer);
+      if (!r || category == VARN_END) break;
+    }
+    return 0;
+  }
+  if (mode == "echo") {  // debug mode: CMD answered with DONE ok, BEGIN read to END
+    varn_set_callback(EchoCallback);
+    KOMainLoop();
+    return 0;
+  }
+  if (mode == "debug-invoke") {  // debug mode: a started program gets a debug input file
+    varnHandle h = -1;
+    char error[VARN_STATUS_TEXT_SIZE];
+    int r = varn_invoke(&h, "sim", nullptr, nullptr, 0, error, nullptr);
+    Report("invoke %d", r);
+    Report("cmd %d", varn_send_msg(h, VARN_CMD, "load a", 0));
+    Report("cmd %d", varn_send_msg(h, VARN_CMD, "run", 0));
+    Report("last=%s", Word(VarnMessage[h].last_category));
+    int q = varn_send_quon_cmd("list");
+    Report("quon %d err=%d", q, VarnErrorNo);
     return 0;
   }
   Report("unknown mode %s", mode.c_str());
