@@ -77,6 +77,8 @@ void Sweep(int h, const std::vector<std::string>& w) {
   }
   int n = static_cast<int>(count);
   char line[160];
+  std::snprintf(line, sizeof line, "starting a sweep of %d points", n);
+  varn_set_status(VARN_STATUS_BUSY, line);
   std::snprintf(line, sizeof line, "sweep %g Hz .. %g Hz, %d points, corner %g Hz", start, stop, n,
                 g_corner_hz);
   if (!varn_send_msg(h, VARN_BEGIN, line, 0)) {

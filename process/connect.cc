@@ -261,11 +261,17 @@ extern "C" int varn_query_status(varnHandle h, uint32_t* status, char* text) noe
   if (!varn_send_packet(row.address, row.local_address, VARN_STATUS_Q, nullptr, 0)) return 0;
   row.last_category = 0;
   row.last_data_len = 0;
-  varn_queue_set_outband(h, nullptr);
+  // Only the answer is taken: whatever else the peer sends meanwhile (a
+  // stream, its DONE) waits in the queue for the call that expects it,
+  // instead of being consumed by the status query.
+  int* set = nullptr;
+  varn_queue_set_waitcat(&set, VARN_STATUS, VARN_SRVR_ERR, 0);
+  varn_queue_set_outband(h, set);
   while (row.last_category != VARN_STATUS && row.last_category != VARN_SRVR_ERR) {
     if (!varn_recv_read_and_parse_message(1)) break;
   }
   varn_queue_reset_outband();
+  varn_queue_free_waitcat(&set);
   if (row.last_category == VARN_SRVR_ERR) {
     *status = VARN_STATUS_DEAD;
     if (row.last_data_len > 0) {

@@ -229,8 +229,12 @@ extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_
       *category = last;
       *length = static_cast<uint32_t>(row.last_data_len);
       if (buffer != nullptr) {
-        if (row.last_data != nullptr) {
-          std::memcpy(buffer, row.last_data, static_cast<size_t>(row.last_data_len) + 1);
+        // KILL, INTR and SRVR_ERR keep their text in the signal buffer; the
+        // row's last_data still holds an older message of another length.
+        bool signal = last == VARN_KILL || last == VARN_INTR || last == VARN_SRVR_ERR;
+        const char* text = signal ? varn::transport::SignalBuffer() : row.last_data;
+        if (text != nullptr && row.last_data_len > 0) {
+          std::memcpy(buffer, text, static_cast<size_t>(row.last_data_len) + 1);
         } else {
           buffer[0] = '\0';
         }

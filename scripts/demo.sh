@@ -5,4 +5,4 @@ cd "$(dirname "$0")/.."
 scripts/deps.sh
 cmake -S . -B build -G Ninja >/dev/null
 cmake --build build -j "$(nproc)"
-exec build/examples/varn_hello
+exec build/quon/quon --path build/examples build/examples/demo_client

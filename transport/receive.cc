@@ -47,7 +47,11 @@ int StoreMessage(int h, const char* destination, const char* source, int categor
   }
   row.last_category = static_cast<uint32_t>(category);
   row.last_data_len = static_cast<int64_t>(length);
-  if (row.recv_stream == 2 && category != VARN_END) {
+  // Inside a stream only data belongs to the stream: an answer that arrives
+  // meanwhile (STATUS, ACK, DONE, ...) is kept in the row, not mixed into
+  // the records.
+  bool stream_data = category == VARN_DATA || category == VARN_STDERR || category == VARN_BROADCAST;
+  if (row.recv_stream == 2 && stream_data) {
     if (!stream::Append(source, payload, length)) return 0;
   } else {
     std::free(row.last_data);
@@ -152,6 +156,9 @@ int HandleSrvrErr(const char* source, const char* payload, size_t length) {
   if (row.keep_entry == 0) {
     varnP_deinit_entry(h);
     row.last_category = VARN_SRVR_ERR;
+    // The exit text stays readable (from the signal buffer) for the wait
+    // or callback that takes this notice.
+    row.last_data_len = static_cast<int64_t>(length);
   } else if (row.state != ENTRY_DISABLED) {
     row.state = ENTRY_EXITED;
   }

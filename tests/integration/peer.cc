@@ -2,6 +2,7 @@
 // scripted hub. It runs one scenario (first argument after the library's
 // options) and writes what it sees, one line per event, to the descriptor
 // given with "-report N".
+#include <fcntl.h>
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
@@ -286,6 +287,117 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     Report("quon %d err=%d", q, VarnErrorNo);
     return 0;
   }
+  if (mode == "hub-start") {  // starts, lists, refuses and kills through the real hub
+    varnHandle h = -1;
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    int r = varn_invoke(&h, "sweep_server", nullptr, nullptr, 1, refusal, nullptr);
+    Report("invoke %d err=%d state=%u", r, VarnErrorNo, r ? VarnMessage[h].state : 0);
+    char* list = nullptr;
+    r = varn_query_pg_process(&list);
+    Report("list %d", r);
+    char* cursor = nullptr;
+    varn_prep_query_result(list, &cursor);
+    char name[256], address[256], third[256];
+    int number = 0;
+    while (varn_get_query_result(&cursor, name, address, third, &number)) {
+      bool is_server = VarnMessage[h].address && std::strcmp(address, VarnMessage[h].address) == 0;
+      Report("process %s %s", name, is_server ? "server" : "other");
+    }
+    varnHandle missing = -1;
+    r = varn_invoke(&missing, "no_such_program_x", nullptr, nullptr, 0, refusal, nullptr);
+    int err = VarnErrorNo;
+    Report("missing %d err=%d text=%s freed=%d", r, err, refusal,
+           missing >= 0 && VarnMessage[missing].state == ENTRY_FREE ? 1 : 0);
+    r = varn_kill(h);
+    Report("kill %d state=%u", r, VarnMessage[h].state);
+    return 0;
+  }
+  if (mode == "hub-async") {  // an asynchronous start, completed by the wait
+    varnHandle h = -1;
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    int r = varn_invoke_ex(&h, "sweep_server", nullptr, nullptr, 0, refusal, nullptr);
+    Report("invoke_ex %d state=%u", r, VarnMessage[h].state);
+    r = varn_wait_until_invoked(h, refusal);
+    Report("invoked %d state=%u", r, VarnMessage[h].state);
+    varnHandle bad = -1;
+    r = varn_invoke_ex(&bad, "no_such_program_x", nullptr, nullptr, 0, refusal, nullptr);
+    r = varn_wait_until_invoked(bad, refusal);
+    int err = VarnErrorNo;
+    Report("bad %d err=%d text=%s", r, err, refusal);
+    Report("kill %d", varn_kill(h));
+    return 0;
+  }
+  if (mode == "hub-nonvelor") {  // a program that does not speak the protocol
+    varnHandle h = -1;
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    int r = varn_invoke_nonvelor_program(&h, "sh", nullptr, "-c 'echo one; echo \"two words\"'", 0,
+                                         refusal, VARN_NONVELOR_INVOKER, nullptr);
+    Report("invoke %d", r);
+    for (int i = 0; i < 3; ++i) ReportWait(h);
+    int unknown_kind =
+        varn_invoke_nonvelor_program(&h, "sh", nullptr, "-c true", 0, refusal, 7, nullptr);
+    int err = VarnErrorNo;
+    Report("kind7 %d err=%d", unknown_kind, err);
+    return 0;
+  }
+  if (mode == "hub-status") {  // IDLE, BUSY with text, sending data, and a dead peer
+    varnHandle h = -1;
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    varn_invoke(&h, "sweep_server", nullptr, nullptr, 1, refusal, nullptr);
+    uint32_t status = 9;
+    char text[VARN_STATUS_TEXT_SIZE];
+    int r = varn_query_status(h, &status, text);
+    Report("status %d %u %s", r, status, text);
+    varn_send_msg(h, VARN_CMD, "sweep 1 10 4 300", 0);
+    r = varn_query_status(h, &status, text);
+    Report("busy %d %u %.8s", r, status, text);
+    ReportWait(h);
+    ReportStream(h);
+    ReportWait(h);
+    VarnMessage[h].send_stream = 2;  // as while this process streams to it
+    r = varn_query_status(h, &status, text);
+    Report("streaming %d %u %s", r, status, text);
+    VarnMessage[h].send_stream = 1;
+    int s2 = Connect("ghost", "999999@nowhere");
+    r = varn_query_status(s2, &status, text);
+    Report("dead %d %u %s", r, status, text);
+    Report("kill %d", varn_kill(h));
+    return 0;
+  }
+  if (mode == "hub-connect") {  // a server started by another process is found by name
+    varnHandle helper = -1;
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    int r = varn_invoke(&helper, "varn_test_peer", nullptr, "starter", 0, refusal, nullptr);
+    Report("helper %d", r);
+    uint32_t category = 0, length = 0;
+    char buffer[256];
+    r = varn_wait(helper, &category, buffer, &length, 0, 1);
+    Report("helper says %d %s", r, buffer);
+    varnHandle server = -1;
+    r = varn_connect_server(&server, helper, "sweep_server");
+    Report("connect %d err=%d", r, VarnErrorNo);
+    uint32_t status = 9;
+    char text[VARN_STATUS_TEXT_SIZE];
+    r = varn_query_status(server, &status, text);
+    Report("status %d %u", r, status);
+    varnHandle none = -1;
+    r = varn_connect_server(&none, helper, "nothing_by_that_name");
+    int err = VarnErrorNo;
+    Report("unknown %d err=%d", r, err);
+    varn_kill(server);
+    varn_kill(helper);
+    return 0;
+  }
+  if (mode == "starter") {  // starts a sweep server, tells its parent, and serves
+    varnHandle h = -1;
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    int r = varn_invoke(&h, "sweep_server", nullptr, nullptr, 0, refusal, nullptr);
+    if (VarnMessage[0].state == ENTRY_ACTIVE) {
+      varn_send_msg(0, VARN_DONE, r ? "started" : "failed", 0);
+    }
+    KOMainLoop();
+    return 0;
+  }
   Report("unknown mode %s", mode.c_str());
   return 2;
 }
@@ -300,6 +412,10 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "-report") == 0 && i + 1 < argc) {
       g_report = std::atoi(argv[i + 1]);
+      ++i;
+    } else if (std::strcmp(argv[i], "-reportfile") == 0 && i + 1 < argc) {
+      // Under the hub only the standard descriptors are inherited.
+      g_report = open(argv[i + 1], O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
       ++i;
     } else if (mode.empty() && argv[i][0] != '-') {
       mode = argv[i];

@@ -1,0 +1,271 @@
+// Measures what the hub costs: a CMD/ACK round trip and a one-way stream of
+// DATA packets, once through quon between two clients and once over a raw
+// pipe pair between the same two kinds of process, in the same run, and
+// prints both with their ratio.
+//
+//   quon_relay_bench [--rounds N] [--packets N] [--size BYTES] [--sockets]
+//
+// The program plays every part: run plainly it starts quon with itself as
+// the first client ("measure"), which starts the echo peer through the hub
+// ("echo") and another echo peer on plain pipes.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/event_loop.h"
+#include "platform/io.h"
+#include "platform/spawn.h"
+#include "platform/system.h"
+#include "transport/wire_format.h"
+
+namespace {
+
+namespace platform = varn::platform;
+namespace wire = varn::wire;
+
+struct Settings {
+  long rounds = 20000;
+  long packets = 50000;
+  long size = 4096;
+  bool sockets = false;
+};
+
+struct Packet {
+  std::string source;
+  int category = 0;
+  std::string payload;
+};
+
+class Channel {
+ public:
+  Channel(int in, int out, std::string self) : in_(in), out_(out), self_(std::move(self)) {}
+
+  void Send(const std::string& dest, int category, std::string_view payload) {
+    std::size_t size = wire::PacketSize(dest, self_, category, payload.size());
+    if (scratch_.size() < size) scratch_.resize(size);
+    wire::BuildPacket(scratch_.data(), scratch_.size(), dest, self_, category,
+                      payload.empty() ? nullptr : payload.data(), payload.size(), &size);
+    if (!platform::WriteAll(out_, scratch_.data(), size)) Die("write failed");
+  }
+
+  Packet Receive() {
+    for (;;) {
+      std::size_t have = end_ - start_;
+      std::size_t length = 0;
+      if (have >= 6 && wire::ParseLength(buf_.data() + start_, &length) == wire::WireError::kOk &&
+          have >= 6 + length) {
+        wire::Header h;
+        if (wire::SplitBody(buf_.data() + start_ + 6, length, &h) != wire::WireError::kOk) {
+          Die("bad packet");
+        }
+        Packet p;
+        p.source = h.source;
+        wire::CategoryFromWord(h.word, &p.category);
+        if (h.has_payload) {
+          p.payload.assign(buf_.data() + start_ + 6 + h.payload_offset, h.payload_length);
+          while (!p.payload.empty() && p.payload.back() == '\0') p.payload.pop_back();
+        }
+        start_ += 6 + length;
+        return p;
+      }
+      if (start_ > 0) {
+        std::memmove(buf_.data(), buf_.data() + start_, have);
+        start_ = 0;
+        end_ = have;
+      }
+      if (buf_.size() - end_ < 65536) buf_.resize(buf_.size() + 1048576);
+      long n = platform::ReadSome(in_, buf_.data() + end_, buf_.size() - end_);
+      if (n <= 0) std::exit(0);  // the other side is gone
+      end_ += static_cast<std::size_t>(n);
+    }
+  }
+
+  [[noreturn]] static void Die(const char* why) {
+    std::fprintf(stderr, "quon_relay_bench: %s\n", why);
+    std::exit(3);
+  }
+
+ private:
+  int in_;
+  int out_;
+  std::string self_;
+  std::vector<char> scratch_;
+  std::vector<char> buf_;
+  std::size_t start_ = 0;
+  std::size_t end_ = 0;
+};
+
+std::string OwnAddress() {
+  char host[256];
+  if (!platform::HostName(host, sizeof host)) std::strcpy(host, "localhost");
+  return std::to_string(platform::ProcessId()) + "@" + host;
+}
+
+// The peer: acknowledges CMD, counts DATA and reports the count at "last".
+[[noreturn]] void Echo(Channel& ch) {
+  long count = 0;
+  for (;;) {
+    Packet p = ch.Receive();
+    if (p.category == wire::kCmd) {
+      ch.Send(p.source, wire::kAck, {});
+    } else if (p.category == wire::kData && p.payload == "last") {
+      ch.Send(p.source, wire::kData, "count " + std::to_string(count));
+      count = 0;
+    } else if (p.category == wire::kData) {
+      ++count;
+    } else if (p.category == wire::kKill) {
+      ch.Send("quon", wire::kSrvrErr, "bench done");
+      while (ch.Receive().category != wire::kAck) {
+      }
+      std::exit(0);
+    }
+  }
+}
+
+struct Result {
+  double round_trip_us;
+  double megabytes_per_s;
+};
+
+Result Measure(Channel& ch, const std::string& peer, const Settings& s) {
+  Result r{};
+  for (int i = 0; i < 100; ++i) {  // warm up
+    ch.Send(peer, wire::kCmd, "ping");
+    ch.Receive();
+  }
+  std::int64_t t0 = platform::MonotonicMillis();
+  for (long i = 0; i < s.rounds; ++i) {
+    ch.Send(peer, wire::kCmd, "ping");
+    if (ch.Receive().category != wire::kAck) Channel::Die("expected ACK");
+  }
+  std::int64_t t1 = platform::MonotonicMillis();
+  r.round_trip_us = 1000.0 * static_cast<double>(t1 - t0) / static_cast<double>(s.rounds);
+
+  std::string payload(static_cast<std::size_t>(s.size), 'd');
+  t0 = platform::MonotonicMillis();
+  for (long i = 0; i < s.packets; ++i) ch.Send(peer, wire::kData, payload);
+  ch.Send(peer, wire::kData, "last");
+  Packet done = ch.Receive();
+  t1 = platform::MonotonicMillis();
+  if (done.payload != "count " + std::to_string(s.packets)) Channel::Die("packets were lost");
+  double seconds = static_cast<double>(t1 - t0 > 0 ? t1 - t0 : 1) / 1000.0;
+  r.megabytes_per_s = static_cast<double>(s.packets) * static_cast<double>(s.size) / 1e6 / seconds;
+  return r;
+}
+
+std::vector<std::string> SettingArgs(const Settings& s) {
+  return {"--rounds", std::to_string(s.rounds), "--packets", std::to_string(s.packets),
+          "--size",   std::to_string(s.size)};
+}
+
+int RunMeasure(Channel& hub, const Settings& s, const char* self_path) {
+  // The peer through the hub.
+  char cwd[4096];
+  if (!platform::CurrentDirectory(cwd, sizeof cwd)) Channel::Die("no working directory");
+  hub.Send("quon", wire::kInvoke, std::string(cwd) + " " + self_path + " echo");
+  Packet accept = hub.Receive();
+  if (accept.category != wire::kAccept) Channel::Die("the hub refused to start the peer");
+  Result via_hub = Measure(hub, accept.payload, s);
+  hub.Send(accept.payload, wire::kKill, {});
+
+  // The same peer on a raw pipe pair.
+  int to_peer[2];
+  int from_peer[2];
+  if (!platform::CreatePipe(to_peer) || !platform::CreatePipe(from_peer)) Channel::Die("pipes");
+  platform::SpawnRequest r;
+  r.program = self_path;
+  r.argv = {self_path, "rawecho"};
+  r.fds = {{to_peer[0], 0}, {from_peer[1], 1}};
+  platform::SpawnResult spawned = platform::Spawn(r);
+  platform::Close(to_peer[0]);
+  platform::Close(from_peer[1]);
+  if (spawned.pid < 0) Channel::Die("cannot start the raw peer");
+  Channel raw(from_peer[0], to_peer[1], OwnAddress());
+  Result direct = Measure(raw, "peer", s);
+  platform::Close(to_peer[1]);
+  platform::Close(from_peer[0]);
+  platform::EventLoop loop;
+  bool reaped = false;
+  loop.WatchChildExits(
+      [&](int pid, platform::ChildStatus) { reaped = reaped || pid == spawned.pid; });
+  while (!reaped) loop.RunOnce(1000);
+
+  std::printf("round trip (CMD/ACK, %ld rounds): hub %.1f us, raw pipe %.1f us, ratio %.2f\n",
+              s.rounds, via_hub.round_trip_us, direct.round_trip_us,
+              via_hub.round_trip_us / direct.round_trip_us);
+  std::printf("throughput (%ld DATA of %ld bytes): hub %.0f MB/s, raw pipe %.0f MB/s, ratio %.2f\n",
+              s.packets, s.size, via_hub.megabytes_per_s, direct.megabytes_per_s,
+              via_hub.megabytes_per_s / direct.megabytes_per_s);
+  std::fflush(stdout);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Settings s;
+  std::string mode = "drive";
+  int in = -1;
+  int out = -1;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : "0"; };
+    if (a == "--rounds") {
+      s.rounds = std::atol(next());
+    } else if (a == "--packets") {
+      s.packets = std::atol(next());
+    } else if (a == "--size") {
+      s.size = std::atol(next());
+    } else if (a == "--sockets") {
+      s.sockets = true;
+    } else if (a == "-quon_quonin") {
+      in = static_cast<int>(std::strtol(next(), nullptr, 16));
+    } else if (a == "-quon_quonout") {
+      out = static_cast<int>(std::strtol(next(), nullptr, 16));
+    } else if (a == "-quon_sockfd") {
+      in = out = std::atoi(next());
+    } else if (a == "-quon_parentid" || a == "-quon_parentname") {
+      next();
+    } else if (a == "measure" || a == "echo" || a == "rawecho") {
+      mode = a;
+    }
+  }
+  if (s.rounds < 1 || s.packets < 1 || s.size < 1 || s.size > 900000) {
+    std::fprintf(stderr, "quon_relay_bench: bad settings\n");
+    return 2;
+  }
+  if (mode == "rawecho") {
+    Channel ch(platform::kStdin, platform::kStdout, "peer");
+    Echo(ch);
+  }
+  if (mode == "echo" || mode == "measure") {
+    if (in < 0 || out < 0) Channel::Die("no channel options");
+    Channel ch(in, out, OwnAddress());
+    if (mode == "echo") Echo(ch);
+    int code = RunMeasure(ch, s, argv[0]);
+    ch.Send("quon", wire::kSrvrErr, "");
+    return code;
+  }
+  // Drive: the hub with this program as its first client.
+  std::vector<std::string> args = {"quon"};
+  if (s.sockets) args.push_back("--sockets");
+  args.push_back(argv[0]);
+  args.push_back("measure");
+  for (auto& a : SettingArgs(s)) args.push_back(a);
+  platform::EventLoop loop;
+  int code = -1;
+  int pid = -1;
+  loop.WatchChildExits([&](int p, platform::ChildStatus st) {
+    if (p == pid) code = st.signaled ? 128 + st.value : st.value;
+  });
+  platform::SpawnRequest r;
+  r.program = QUON_BINARY;
+  r.argv = args;
+  platform::SpawnResult spawned = platform::Spawn(r);
+  if (spawned.pid < 0) Channel::Die("cannot start quon");
+  pid = spawned.pid;
+  while (code < 0) loop.RunOnce(1000);
+  return code;
+}

@@ -1,0 +1,66 @@
+// Starting child processes.
+//
+// Contract:
+// - The program is looked up before anything is forked: a name with a "/"
+//   is taken as a path (relative to the working directory when relative);
+//   a bare name is searched in the extra directories first, then in PATH.
+//   A name found nowhere fails with SpawnError::kNotFound.
+// - The child gets exactly the descriptors of `fds` (parent descriptor
+//   `from` becomes child descriptor `to`) plus the standard descriptors
+//   0, 1 and 2 that no mapping replaces; every other descriptor is closed
+//   before exec.
+// - The child starts with an empty signal mask and SIGPIPE at its default
+//   action, in the requested working directory, optionally as the leader of
+//   a new process group.
+// - Spawn returns only after the child has either exec'd or failed: a
+//   close-on-exec status pipe carries the failing step and errno back, so a
+//   failed chdir or exec is reported synchronously and the failed child is
+//   reaped here. A successful child is left for the caller to reap (see
+//   EventLoop::WatchChildExits).
+#ifndef VARN_PLATFORM_SPAWN_H_
+#define VARN_PLATFORM_SPAWN_H_
+
+#include <string>
+#include <vector>
+
+namespace varn::platform {
+
+struct FdMapping {
+  int from;
+  int to;
+};
+
+struct SpawnRequest {
+  std::string program;                  // name or path
+  std::vector<std::string> argv;        // argv[0] included
+  std::string working_directory;        // empty: the caller's
+  std::vector<std::string> extra_path;  // searched before PATH
+  std::vector<FdMapping> fds;
+  bool new_process_group = true;
+};
+
+enum class SpawnError {
+  kNone,
+  kNotFound,     // no executable file of that name
+  kNoDirectory,  // the working directory cannot be entered
+  kExecFailed,   // exec itself failed (permissions, bad format)
+  kSystem,       // fork, pipe or descriptor set-up failed
+};
+
+struct SpawnResult {
+  int pid = -1;
+  SpawnError error = SpawnError::kNone;
+  int error_number = 0;  // errno of the failing step
+};
+
+SpawnResult Spawn(const SpawnRequest& request);
+
+// Sends signo to pid, or to its whole process group when group is true.
+bool SignalProcess(int pid, int signo, bool group);
+
+// Text of an errno value.
+std::string ErrorText(int error_number);
+
+}  // namespace varn::platform
+
+#endif  // VARN_PLATFORM_SPAWN_H_

@@ -1,0 +1,193 @@
+#include "quon/connection.h"
+
+#include <cerrno>
+
+#include "platform/io.h"
+
+namespace varn::quon {
+namespace {
+
+constexpr std::size_t kReadChunk = 64 * 1024;
+// Bytes taken from one client per wake-up, so that one busy client cannot
+// starve the others.
+constexpr std::size_t kReadBudget = 256 * 1024;
+constexpr std::size_t kReadEverything = static_cast<std::size_t>(-1);
+
+}  // namespace
+
+Connection::Connection(platform::EventLoop& loop, int read_fd, int write_fd, Listener* listener,
+                       QueueLimits limits)
+    : loop_(loop), read_fd_(read_fd), write_fd_(write_fd), listener_(listener), limits_(limits) {}
+
+Connection::~Connection() { Close(); }
+
+bool Connection::Start() {
+  if (!platform::SetNonBlocking(read_fd_, true) || !platform::SetNonBlocking(write_fd_, true)) {
+    return false;
+  }
+  if (read_fd_ == write_fd_) {
+    return loop_.Watch(read_fd_, true, false, [this](platform::IoEvents ev) {
+      if (ev.writable) OnWritable();
+      if (closed_) return;
+      if (ev.readable || ev.hangup || ev.error) {
+        if (paused_ && (ev.hangup || ev.error)) {
+          ReportClosed();
+        } else if (!paused_) {
+          OnReadable();
+        }
+      }
+    });
+  }
+  bool ok = loop_.Watch(read_fd_, true, false, [this](platform::IoEvents ev) {
+    // A paused pipe still reports a hang-up; the writer is gone, so what it
+    // left is taken at once instead of spinning on the event.
+    if (paused_) {
+      if (ev.hangup || ev.error) ReportClosed();
+      return;
+    }
+    OnReadable();
+  });
+  return ok && loop_.Watch(write_fd_, false, false, [this](platform::IoEvents ev) {
+    if (ev.writable) OnWritable();
+    if (!closed_ && (ev.error || ev.hangup)) ReportClosed();  // the reader is gone
+  });
+}
+
+void Connection::Send(const char* data, std::size_t size) {
+  if (closed_) return;
+  bool was_empty = output_.empty();
+  if (!output_.WriteOrAppend(write_fd_, data, size)) {
+    // Not reported from here: the caller is in the middle of another
+    // client's packet.
+    std::weak_ptr<int> alive = alive_;
+    loop_.Post([this, alive] {
+      if (!alive.expired() && !closed_) ReportClosed();
+    });
+    return;
+  }
+  if (output_.size() > limits_.high_water) congested_ = true;
+  if (was_empty && !output_.empty()) UpdateInterest();
+}
+
+void Connection::Pause() {
+  if (paused_) return;
+  paused_ = true;
+  UpdateInterest();
+}
+
+void Connection::Resume() {
+  if (!paused_ || closed_) return;
+  paused_ = false;
+  std::weak_ptr<int> alive = alive_;
+  loop_.Post([this, alive] {
+    if (alive.expired() || closed_ || paused_) return;
+    HandleBuffered(false);
+    if (closed_) return;
+    UpdateInterest();
+    if (input_ended_ && !paused_) ReportClosed();
+  });
+}
+
+void Connection::DrainInput() {
+  if (closed_) return;
+  if (!input_ended_ && !ReadInput(kReadEverything)) input_ended_ = true;
+  HandleBuffered(true);
+}
+
+void Connection::Close() {
+  if (closed_) return;
+  closed_ = true;
+  loop_.Unwatch(read_fd_);
+  platform::Close(read_fd_);
+  if (write_fd_ != read_fd_) {
+    loop_.Unwatch(write_fd_);
+    platform::Close(write_fd_);
+  }
+  output_.Clear();
+}
+
+void Connection::OnReadable() {
+  if (!ReadInput(kReadBudget)) input_ended_ = true;
+  HandleBuffered(false);
+  if (closed_) return;
+  if (input_ended_ && !paused_) {
+    ReportClosed();
+  } else {
+    UpdateInterest();
+  }
+}
+
+void Connection::OnWritable() {
+  if (closed_) return;
+  if (output_.WriteTo(write_fd_) == OutputBuffer::Flush::kFailed) {
+    ReportClosed();
+    return;
+  }
+  if (output_.empty()) UpdateInterest();
+  if (congested_ && output_.size() <= limits_.low_water) {
+    congested_ = false;
+    listener_->OnDrained();
+  }
+}
+
+bool Connection::ReadInput(std::size_t budget) {
+  std::size_t total = 0;
+  while (total < budget) {
+    char* p = framer_.Reserve(kReadChunk);
+    long n = platform::ReadSome(read_fd_, p, kReadChunk);
+    if (n > 0) {
+      framer_.Commit(static_cast<std::size_t>(n));
+      total += static_cast<std::size_t>(n);
+      // A short read means the channel is empty for now; the loop reports
+      // it again when more arrives, so asking once more would only fail.
+      if (static_cast<std::size_t>(n) < kReadChunk && budget != kReadEverything) return true;
+      continue;
+    }
+    if (n == 0) return false;
+    int e = platform::LastError();
+    return e == EAGAIN || e == EWOULDBLOCK;
+  }
+  return true;
+}
+
+void Connection::HandleBuffered(bool ignore_pause) {
+  while (!closed_ && (ignore_pause || !paused_)) {
+    Packet packet;
+    std::string reason;
+    PacketFramer::Result r = framer_.Next(&packet, &reason);
+    if (r == PacketFramer::Result::kNeedMore) break;
+    if (r == PacketFramer::Result::kBad) {
+      listener_->OnBadPacket(reason, ++bad_in_row_);
+      continue;
+    }
+    bad_in_row_ = 0;
+    if (!listener_->OnPacket(packet)) paused_ = true;
+  }
+}
+
+void Connection::UpdateInterest() {
+  if (closed_) return;
+  bool read = !paused_ && !input_ended_;
+  bool write = !output_.empty();
+  if (read == reading_ && write == writing_) return;
+  reading_ = read;
+  writing_ = write;
+  if (read_fd_ == write_fd_) {
+    loop_.Modify(read_fd_, read, write);
+  } else {
+    loop_.Modify(read_fd_, read, false);
+    loop_.Modify(write_fd_, false, write);
+  }
+}
+
+void Connection::ReportClosed() {
+  if (closed_ || close_reported_) return;
+  close_reported_ = true;
+  // The client may have written its last packets just before going away.
+  DrainInput();
+  if (closed_) return;
+  Close();
+  listener_->OnClosed();
+}
+
+}  // namespace varn::quon

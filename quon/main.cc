@@ -1,0 +1,96 @@
+// quon: the hub process. Parses the command line, opens the log, starts the
+// first client and runs the event loop until the last client has ended.
+#include <csignal>
+#include <cstdio>
+#include <string>
+
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "platform/io.h"
+#include "platform/spawn.h"
+#include "quon/hub.h"
+#include "quon/log.h"
+#include "quon/options.h"
+
+#ifndef QUON_VERSION
+#define QUON_VERSION "0"
+#endif
+
+namespace {
+
+int Run(int argc, char** argv) {
+  using namespace varn;
+  quon::Options options;
+  std::string error;
+  if (!quon::ParseOptions(argc, argv, &options, &error)) {
+    std::fprintf(stderr, "quon: %s\n%s", error.c_str(), quon::kUsage);
+    return 2;
+  }
+  if (options.help) {
+    std::fputs(quon::kUsage, stdout);
+    return 0;
+  }
+  if (options.version) {
+    std::printf("quon %s\n", QUON_VERSION);
+    return 0;
+  }
+
+  int log_fd = platform::kStderr;
+  if (!options.log.empty()) {
+    int open_error = 0;
+    log_fd = platform::OpenForAppend(options.log, &open_error);
+    if (log_fd < 0) {
+      std::fprintf(stderr, "quon: cannot open log %s: %s\n", options.log.c_str(),
+                   platform::ErrorText(open_error).c_str());
+      return 2;
+    }
+  }
+  quon::Log log(log_fd, log_fd != platform::kStderr);
+  log.set_trace(options.trace);
+
+  std::string root =
+      platform::CanonicalDirectory(options.files_root.empty() ? "." : options.files_root);
+  if (root.empty()) {
+    log.Note("files root " + options.files_root + " is not a directory");
+    return 2;
+  }
+
+  platform::IgnoreBrokenPipeSignal();
+  platform::EventLoop loop;
+  if (!loop.ok()) {
+    log.Note("cannot create the event loop");
+    return 1;
+  }
+  quon::HubConfig config;
+  config.extra_path = options.path;
+  config.sockets = options.sockets;
+  config.files_root = root;
+  config.limits.high_water = options.queue_limit;
+  config.limits.low_water = options.queue_limit / 2;
+  config.grace_ms = options.grace_ms;
+  config.child_stderr = log_fd;
+  quon::Hub hub(loop, log, config);
+  if (!hub.Init(&error)) {
+    log.Note(error);
+    return 1;
+  }
+  if (!loop.WatchSignals({SIGINT, SIGTERM}, [&hub](int signo) { hub.Shutdown(signo); })) {
+    log.Note("cannot watch signals");
+    return 1;
+  }
+  if (!hub.StartFirst(options.program, &error)) {
+    log.Note(error);
+    return 127;
+  }
+  while (!hub.finished()) {
+    if (!loop.RunOnce(-1)) {
+      log.Note("event loop failed");
+      return 1;
+    }
+  }
+  return hub.exit_code();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return Run(argc, argv); }

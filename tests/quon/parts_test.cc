@@ -1,0 +1,267 @@
+// The hub's parts on their own: framing, start requests, files, spawning
+// and the event loop.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/event_loop.h"
+#include "platform/io.h"
+#include "platform/spawn.h"
+#include "platform/system.h"
+#include "quon/file_service.h"
+#include "quon/packet_framer.h"
+#include "quon/start_request.h"
+#include "transport/wire_format.h"
+
+namespace varn::quon {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Build(std::string_view dest, std::string_view src, int category,
+                  std::string_view payload) {
+  std::size_t size = wire::PacketSize(dest, src, category, payload.size());
+  std::string out(size, '\0');
+  wire::BuildPacket(out.data(), out.size(), dest, src, category,
+                    payload.empty() ? nullptr : payload.data(), payload.size(), &size);
+  return out;
+}
+
+void Feed(PacketFramer& framer, std::string_view bytes) {
+  char* p = framer.Reserve(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), p);
+  framer.Commit(bytes.size());
+}
+
+TEST(QuonPacketFramerTest, CutsPacketsWhereverTheReadsEnd) {
+  std::string stream = Build("1@h", "2@h", wire::kCmd, "run 1") +
+                       Build("quon", "2@h", wire::kStatus, "IDLE") +
+                       Build("1@h", "2@h", wire::kAck, "");
+  PacketFramer framer;
+  std::vector<std::string> seen;
+  std::string reason;
+  // One byte at a time: every split point inside a packet is crossed.
+  for (char c : stream) {
+    Feed(framer, std::string_view(&c, 1));
+    Packet p;
+    while (framer.Next(&p, &reason) == PacketFramer::Result::kPacket) {
+      seen.push_back(std::string(p.header.word) + ":" + std::string(p.text()));
+      EXPECT_EQ(std::string(p.data, p.size).substr(6), std::string(p.data + 6, p.size - 6));
+    }
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"CMD:run 1", "STATUS:IDLE", "ACK:"}));
+  EXPECT_EQ(framer.buffered(), 0u);
+}
+
+TEST(QuonPacketFramerTest, ReportsBadInputAndRecovers) {
+  PacketFramer framer;
+  Packet p;
+  std::string reason;
+  Feed(framer, "12x456quon a CMD");
+  EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kBad);
+  EXPECT_EQ(reason, "length field is not six digits");
+  EXPECT_EQ(framer.buffered(), 0u);  // nothing to resynchronise on: all dropped
+
+  // An oversized packet is skipped by its length, even across reads.
+  Feed(framer, "999999");
+  EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kBad);
+  EXPECT_NE(reason.find("over the size limit"), std::string::npos);
+  Feed(framer, std::string(500000, 'a'));
+  EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kNeedMore);
+  Feed(framer, std::string(499999, 'a') + Build("quon", "1@h", wire::kPing, ""));
+  ASSERT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kPacket);
+  EXPECT_EQ(p.category, wire::kPing);
+
+  Feed(framer, std::string("000006ab\0\0\0\0", 12) + Build("quon", "1@h", wire::kPing, ""));
+  Feed(framer, std::string("000014quon 1@h NOPE\0", 20));
+  EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kBad);
+  EXPECT_EQ(reason, "fewer than three header tokens");
+  EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kPacket);
+  EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kBad);
+  EXPECT_EQ(reason, "unknown category word \"NOPE\"");
+}
+
+TEST(QuonStartRequestTest, ReadsWrappedFieldsHostsAndArguments) {
+  StartRequest r;
+  std::string error;
+  ASSERT_TRUE(ParseStartRequest("\"/tmp/My Work\" h1:tool -a \"b c\"", &r, &error));
+  EXPECT_EQ(r.directory, "/tmp/My Work");
+  EXPECT_EQ(r.command, "h1:tool");
+  EXPECT_EQ(r.host, "h1");
+  EXPECT_EQ(r.program, "tool");
+  EXPECT_EQ(r.arguments, "-a \"b c\"");
+
+  ASSERT_TRUE(ParseStartRequest("/w \"my tool\"", &r, &error));
+  EXPECT_EQ(r.program, "my tool");
+  EXPECT_EQ(r.host, "");
+  EXPECT_EQ(r.arguments, "");
+  ASSERT_TRUE(ParseStartRequest("/w ./bin:x/prog", &r, &error));  // a path, not a host
+  EXPECT_EQ(r.program, "./bin:x/prog");
+  EXPECT_EQ(r.host, "");
+
+  EXPECT_FALSE(ParseStartRequest("", &r, &error));
+  EXPECT_FALSE(ParseStartRequest("/w", &r, &error));
+  EXPECT_FALSE(ParseStartRequest("\"/w tool", &r, &error));
+  EXPECT_FALSE(ParseStartRequest("/w h1:", &r, &error));
+}
+
+TEST(QuonStartRequestTest, SplitsArgumentsLikeAShell) {
+  std::vector<std::string> w;
+  std::string error;
+  ASSERT_TRUE(SplitWords(R"(  a 'b c'  "d \"e\" \$f \x" g\ h ''  i"j"'k' )", &w, &error));
+  EXPECT_EQ(w, (std::vector<std::string>{"a", "b c", "d \"e\" $f \\x", "g h", "", "ijk"}));
+  ASSERT_TRUE(SplitWords("$HOME *.c ~", &w, &error));  // no expansion
+  EXPECT_EQ(w, (std::vector<std::string>{"$HOME", "*.c", "~"}));
+  ASSERT_TRUE(SplitWords("", &w, &error));
+  EXPECT_TRUE(w.empty());
+  EXPECT_FALSE(SplitWords("a 'b", &w, &error));
+  EXPECT_FALSE(SplitWords("a \"b\\\"", &w, &error));
+}
+
+class QuonFileTableTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = (fs::temp_directory_path() / ("quon-parts-" + std::to_string(platform::ProcessId())))
+                .string();
+    fs::remove_all(root_);
+    fs::create_directories(root_ + "/sub");
+    root_ = platform::CanonicalDirectory(root_);
+    outside_ = root_ + "-outside";
+    fs::create_directories(outside_);
+    std::ofstream(outside_ + "/secret") << "secret";
+  }
+  void TearDown() override {
+    fs::remove_all(root_);
+    fs::remove_all(outside_);
+  }
+  std::string root_;
+  std::string outside_;
+};
+
+TEST_F(QuonFileTableTest, KeepsBinaryDataAndCapsReads) {
+  FileTable table(root_);
+  FileReply r = table.Handle(wire::kFopen, "sub/data BINARY WRITE");
+  EXPECT_EQ(r.category, wire::kFnak);  // mode and type are in that order
+  r = table.Handle(wire::kFopen, std::string("sub/data WRITE BINARY\0\0", 23));
+  ASSERT_EQ(r.category, wire::kFack);
+  std::string fd = r.payload;
+  // The byte count decides; trailing NULs inside the count are data.
+  std::string payload = fd + " 4 " + std::string("a\0b\0", 4) + std::string(2, '\0');
+  EXPECT_EQ(table.Handle(wire::kFwrite, payload).payload, "4");
+  EXPECT_EQ(table.Handle(wire::kFwrite, fd + " 9 short").category, wire::kFnak);
+  EXPECT_EQ(table.Handle(wire::kFwrite, fd + " -1 x").category, wire::kFnak);
+  std::string big(FileTable::kMaxRead + 100, 'q');
+  EXPECT_EQ(table.Handle(wire::kFwrite, fd + " " + std::to_string(big.size()) + " " + big).category,
+            wire::kFack);
+  EXPECT_EQ(table.Handle(wire::kFclose, fd).category, wire::kFack);
+  EXPECT_EQ(table.Handle(wire::kFclose, fd).payload, "bad file number");
+
+  r = table.Handle(wire::kFopen, "sub/data READ BINARY");
+  ASSERT_EQ(r.category, wire::kFack);
+  r = table.Handle(wire::kFread, r.payload + " 99999999");
+  ASSERT_EQ(r.category, wire::kFack);
+  EXPECT_EQ(r.payload.size(), FileTable::kMaxRead);
+  EXPECT_EQ(r.payload.substr(0, 5), std::string("a\0b\0q", 5));
+  EXPECT_EQ(table.Handle(wire::kFread, "1 0").category, wire::kFnak);
+  EXPECT_EQ(table.Handle(wire::kFread, "1").category, wire::kFnak);
+  EXPECT_EQ(table.Handle(wire::kFseek, "2 x 0").payload, "bad request");
+  EXPECT_EQ(table.Handle(wire::kFseek, "2 -2 2").payload, std::to_string(big.size() + 2));
+  EXPECT_EQ(table.Handle(wire::kFseek, "2 1 7").payload, "1");  // unknown whence: from start
+  EXPECT_EQ(table.open_count(), 1u);
+  table.CloseAll();
+  EXPECT_EQ(table.open_count(), 0u);
+}
+
+TEST_F(QuonFileTableTest, RefusesEveryWayOutOfTheRoot) {
+  FileTable table(root_);
+  fs::create_symlink(outside_, root_ + "/sub/door");
+  fs::create_symlink(outside_ + "/secret", root_ + "/secret-link");
+  std::vector<std::string> ways_out = {"../x", "sub/../../x", "sub/door/secret", "secret-link",
+                                       outside_ + "/secret"};
+  for (const std::string& path : ways_out) {
+    EXPECT_EQ(table.Handle(wire::kFopen, path + " READ TEXT").payload, "outside the files root")
+        << path;
+    EXPECT_EQ(table.Handle(wire::kFstat, path).payload, "outside the files root") << path;
+  }
+  EXPECT_EQ(table.Handle(wire::kFopen, "sub/door/new WRITE TEXT").payload,
+            "outside the files root");
+  EXPECT_FALSE(fs::exists(outside_ + "/new"));
+  EXPECT_EQ(table.Handle(wire::kFstat, "sub/door").payload, "outside the files root");
+  // Removing a link removes the link, not what it points at.
+  EXPECT_EQ(table.Handle(wire::kFunlink, "secret-link").category, wire::kFack);
+  EXPECT_TRUE(fs::exists(outside_ + "/secret"));
+  EXPECT_EQ(table.Handle(wire::kFunlink, "sub/door/secret").payload, "outside the files root");
+  EXPECT_EQ(table.Handle(wire::kFstat, root_).payload, "1");
+  EXPECT_EQ(table.Handle(wire::kFopen, "sub READ TEXT").category, wire::kFnak);
+}
+
+TEST(QuonSpawnTest, ReportsFailuresBeforeReturning) {
+  platform::SpawnRequest r;
+  r.program = "quon-no-such-program";
+  EXPECT_EQ(platform::Spawn(r).error, platform::SpawnError::kNotFound);
+  r.program = "true";
+  r.working_directory = "/no/such/dir";
+  platform::SpawnResult s = platform::Spawn(r);
+  EXPECT_EQ(s.error, platform::SpawnError::kNoDirectory);
+  EXPECT_EQ(s.pid, -1);
+  // Extra directories come before PATH.
+  std::string dir = (fs::temp_directory_path() / "quon-spawn-path").string();
+  fs::create_directories(dir);
+  { std::ofstream(dir + "/true") << "#!/bin/sh\nexit 9\n"; }
+  fs::permissions(dir + "/true", fs::perms::owner_all);
+  platform::EventLoop loop;
+  int code = -1;
+  loop.WatchChildExits([&code](int, platform::ChildStatus st) { code = st.value; });
+  r.working_directory.clear();
+  r.extra_path = {dir};
+  s = platform::Spawn(r);
+  ASSERT_GT(s.pid, 0);
+  std::int64_t deadline = platform::MonotonicMillis() + 10000;
+  while (code < 0 && platform::MonotonicMillis() < deadline) loop.RunOnce(1000);
+  EXPECT_EQ(code, 9);
+  fs::remove_all(dir);
+}
+
+TEST(QuonEventLoopTest, RunsTimersInOrderAndDeliversSignals) {
+  platform::EventLoop loop;
+  std::vector<int> order;
+  loop.AddTimer(30, [&] { order.push_back(3); });
+  auto cancelled = loop.AddTimer(10, [&] { order.push_back(99); });
+  loop.AddTimer(0, [&] { order.push_back(1); });
+  loop.AddTimer(20, [&] { order.push_back(2); });
+  loop.CancelTimer(cancelled);
+  int got = 0;
+  ASSERT_TRUE(loop.WatchSignals({SIGUSR2}, [&got](int s) { got = s; }));
+  platform::SignalProcess(static_cast<int>(platform::ProcessId()), SIGUSR2, false);
+  std::int64_t deadline = platform::MonotonicMillis() + 10000;
+  while ((order.size() < 3 || got == 0) && platform::MonotonicMillis() < deadline) {
+    loop.RunOnce(1000);
+  }
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(got, SIGUSR2);
+
+  // A watcher dropped by an earlier callback of the same round is not run.
+  int fds[2];
+  ASSERT_TRUE(platform::CreatePipe(fds));
+  ASSERT_TRUE(platform::WriteAll(fds[1], "x", 1));
+  int calls = 0;
+  int fds2[2];
+  ASSERT_TRUE(platform::CreatePipe(fds2));
+  ASSERT_TRUE(platform::WriteAll(fds2[1], "y", 1));
+  loop.Watch(fds[0], true, false, [&](platform::IoEvents) {
+    ++calls;
+    loop.Unwatch(fds2[0]);
+  });
+  loop.Watch(fds2[0], true, false, [&](platform::IoEvents) {
+    ++calls;
+    loop.Unwatch(fds[0]);
+  });
+  loop.RunOnce(1000);
+  EXPECT_EQ(calls, 1);
+  for (int fd : {fds[0], fds[1], fds2[0], fds2[1]}) platform::Close(fd);
+}
+
+}  // namespace
+}  // namespace varn::quon
