@@ -79,6 +79,9 @@ extern "C" int varn_send_send_msg(varnHandle h, int category, const char* payloa
   VarnErrorNo = 0;
   VarnEntry& row = VarnMessage[h];
   if (varn_debug_send_message(h, category, payload, row.send_stream)) return 1;
+  // IDLE before DONE or ERROR leaves: a peer that has the answer and asks
+  // for the status at once must not find this process still BUSY.
+  if (category == VARN_DONE || category == VARN_ERROR) varn_set_status(VARN_STATUS_IDLE, "");
   if (!varnP_send_framed(h, category, payload, length)) return 0;
   switch (category) {
     case VARN_KILL:
@@ -93,7 +96,6 @@ extern "C" int varn_send_send_msg(varnHandle h, int category, const char* payloa
       return AcknowledgementWait(h, 1);
     case VARN_DONE:
     case VARN_ERROR:
-      varn_set_status(VARN_STATUS_IDLE, "");
       return 1;
     case VARN_BEGIN:
       row.send_stream = 2;

@@ -352,9 +352,11 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
     case VARN_CMD_ACKSENT:
       h = FindOrCreate(source);
       if (h < 0) return 1;
+      // BUSY before the ACK: once the sender has its ACK, a status query
+      // (answered on the input thread) must not find this process IDLE.
+      varn_set_status(VARN_STATUS_BUSY, "");
       if (category == VARN_CMD) varn_send_packet(source, destination, VARN_ACK, nullptr, 0);
       if (!Store(h, destination, source, VARN_CMD, payload, length)) return 1;
-      varn_set_status(VARN_STATUS_BUSY, "");
       varnP_call_callback(h);
       return 1;
     case VARN_DONE:

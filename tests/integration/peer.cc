@@ -64,6 +64,18 @@ void Callback(int h) {
   varn_recv_msg_len(h, &cat, buffer, &len);
   VarnErrorNo = saved;
   Report("callback %s %s", Word(category), buffer);
+  if (category == VARN_CMD && std::strcmp(buffer, "quit") == 0) {
+    varn_send_msg(h, VARN_DONE, "bye", 0);
+    varn_deinit();
+  }
+  if (category == VARN_CMD && std::strncmp(buffer, "where ", 6) == 0) {
+    int row = -1;
+    const char* address = "none";
+    if (varn_query_varn_handle_byname(&row, buffer + 6) && VarnMessage[row].address) {
+      address = VarnMessage[row].address;
+    }
+    varn_send_msg(h, VARN_DONE, address, 0);
+  }
 }
 
 // Debug-mode server: answers a CMD with DONE ok; after a BEGIN it reads the
@@ -396,6 +408,58 @@ int Scenario(const std::string& mode, int argc, char** argv) {
       varn_send_msg(0, VARN_DONE, r ? "started" : "failed", 0);
     }
     KOMainLoop();
+    return 0;
+  }
+  if (mode == "hub-restart") {  // a kept server exits, is restarted, and others follow
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    varnHandle server = -1, follower = -1, other = -1;
+    varn_invoke(&server, "varn_test_peer", nullptr, "serve", 1, refusal, nullptr);
+    std::string old_address = VarnMessage[server].address;
+    std::string args = "-quon_enable varn_test_peer " + old_address + " serve";
+    varn_invoke(&follower, "varn_test_peer", nullptr, args.c_str(), 0, refusal, nullptr);
+    varn_invoke(&other, "varn_test_peer", nullptr, "serve", 1, refusal, nullptr);
+    // The kept server quits: its row stays, marked exited.
+    varn_send_msg(server, VARN_CMD, "quit", 0);
+    ReportWait(server);  // DONE bye
+    ReportWait(server);  // its exit notice
+    Report("exited state=%u", VarnMessage[server].state);
+    // A kill to an exited peer sends nothing and frees the row.
+    varn_send_msg(other, VARN_CMD, "quit", 0);
+    ReportWait(other);
+    ReportWait(other);
+    int k = varn_kill(other);
+    Report("kill exited %d state=%u", k, VarnMessage[other].state);
+    // The next command starts the server again under a new address.
+    int r = varn_send_msg(server, VARN_CMD, "hello", 0);
+    std::string new_address = VarnMessage[server].address;
+    Report("restarted %d moved=%d", r, new_address != old_address ? 1 : 0);
+    // The follower knew the old address; it has followed the notice.
+    varn_send_msg(follower, VARN_CMD, "where varn_test_peer", 0);
+    uint32_t category = 0, length = 0;
+    char buffer[256] = "";
+    varn_wait(follower, &category, buffer, &length, 0, 1);
+    Report("follower knows new=%d", new_address == buffer ? 1 : 0);
+    varn_kill(server);
+    varn_kill(follower);
+    return 0;
+  }
+  if (mode == "hub-disabled") {  // a disabled name swallows sends and waits until enabled
+    varnP_disable_server_protocal("sweep_server");
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    varnHandle h = -1;
+    int r = varn_invoke(&h, "sweep_server", nullptr, nullptr, 0, refusal, nullptr);
+    Report("invoke %d state=%u", r, VarnMessage[h].state);
+    r = varn_send_msg(h, VARN_CMD, "help", 0);
+    uint32_t category = 0, length = 0;
+    char buffer[512] = "x";
+    int w = varn_wait(h, &category, buffer, &length, VARN_DONE, 1);
+    Report("send %d wait %d cat=%s text=%s", r, w, Word(category), buffer);
+    r = varnP_enable_server_protocal("sweep_server", nullptr);
+    Report("enable %d state=%u started=%d", r, VarnMessage[h].state,
+           VarnMessage[h].address != nullptr ? 1 : 0);
+    r = varn_send_msg(h, VARN_CMD, "help", 0);
+    ReportWait(h);
+    varn_kill(h);
     return 0;
   }
   Report("unknown mode %s", mode.c_str());

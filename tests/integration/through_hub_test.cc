@@ -89,6 +89,27 @@ TEST(ThroughHubTest, ConnectServerStartedByAnotherProcess) {
   EXPECT_NE(report.find("unknown 0 err=27\n"), std::string::npos) << report;
 }
 
+TEST(ThroughHubTest, KeptServerIsRestartedAndEveryoneFollowsItsNewAddress) {
+  std::string report = UnderHub("hub-restart");
+  EXPECT_NE(report.find("wait 1 err=0 cat=DONE text=bye\n"
+                        "wait 1 err=0 cat=SRVR_ERR text=\n"
+                        "exited state=2\n"),
+            std::string::npos)
+      << report;
+  EXPECT_NE(report.find("kill exited 1 state=0\n"), std::string::npos) << report;
+  EXPECT_NE(report.find("restarted 1 moved=1\nfollower knows new=1\n"), std::string::npos)
+      << report;
+}
+
+TEST(ThroughHubTest, DisabledNameSwallowsSendsAndStartsOnEnable) {
+  std::string report = UnderHub("hub-disabled");
+  EXPECT_NE(report.find("invoke 1 state=3\nsend 1 wait 1 cat=DONE text=\n"
+                        "enable 1 state=1 started=1\n"
+                        "wait 1 err=0 cat=DONE text=commands:"),
+            std::string::npos)
+      << report;
+}
+
 TEST(ThroughHubTest, DemoConversation) {
   RunResult r = RunProgram({VARN_QUON_PATH, "--path", Dir(VARN_SWEEP_SERVER_PATH),
                             Dir(VARN_SWEEP_SERVER_PATH) + "/demo_client"},
