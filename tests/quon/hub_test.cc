@@ -46,6 +46,11 @@ INSTANTIATE_TEST_SUITE_P(Channel, QuonHubTest, ::testing::Values(false, true),
 TEST_P(QuonHubTest, StartsClientsWithTheirOptionsAndAnnouncesTheirExit) {
   HubSession s;
   ASSERT_TRUE(s.Start(Options()));
+  // Settle first: once the hub has answered a request it has finished
+  // setting up its first client, and its descriptors stay as they are.
+  ASSERT_TRUE(s.Send("quon", "CMD", "list"));
+  RawPacket listed;
+  ASSERT_TRUE(s.Expect("EDONE", "quon", &listed));
   std::vector<std::string> fds_before = s.HubFds();
 
   std::string a = s.Invoke("qclient args fds cwd send parent DATA \"two  words\" exit 0");
