@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Checks the tree's own rules after a build:
+#   - only platform/ (and tests, benchmarks) call the operating system directly;
+#   - libvarn.so exports exactly the names that include/varn.h declares;
+#   - every source file is clang-formatted.
+# Usage: scripts/check-tree.sh BUILD_DIR
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build="${1:-build}"
+status=0
+
+leaks=$(grep -rln --include='*.cc' --include='*.h' \
+  -E '#include <(sys/[a-z_]+\.h|unistd\.h|pthread\.h|fcntl\.h|poll\.h)>' \
+  core transport process services host quon include examples || true)
+if [ -n "$leaks" ]; then
+  echo "check-tree: operating-system headers outside platform/:"; echo "$leaks"; status=1
+fi
+
+declared=$(grep -ohE 'VARN_EXPORT [^;(]*[ *]([A-Za-z_][A-Za-z0-9_]*) *(\(|\[|;)' include/varn.h |
+  sed -E 's/.*[ *]([A-Za-z_][A-Za-z0-9_]*) *(\(|\[|;)$/\1/' | sort -u)
+exported=$(nm -D --defined-only "$build/libvarn.so" | awk '{print $3}' | sort -u)
+if [ "$declared" != "$exported" ]; then
+  echo "check-tree: exported symbols differ from include/varn.h (< declared, > exported):"
+  diff <(echo "$declared") <(echo "$exported") || true
+  status=1
+fi
+
+if command -v clang-format >/dev/null; then
+  unformatted=$(git ls-files '*.cc' '*.h' '*.c' | while read -r f; do
+    clang-format --dry-run -Werror "$f" >/dev/null 2>&1 || echo "$f"; done)
+  if [ -n "$unformatted" ]; then
+    echo "check-tree: not clang-formatted:"; echo "$unformatted"; status=1
+  fi
+fi
+[ $status -eq 0 ] && echo "check-tree: platform confinement, exported symbols and formatting ok"
+exit $status
