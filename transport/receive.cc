@@ -53,6 +53,10 @@ int StoreMessage(int h, const char* destination, const char* source, int categor
   bool stream_data = category == VARN_DATA || category == VARN_STDERR || category == VARN_BROADCAST;
   if (row.recv_stream == 2 && stream_data) {
     if (!stream::Append(source, payload, length)) return 0;
+    // The payload lives in the stream now; last_data must not keep an older
+    // text that readers would take for one of last_data_len bytes.
+    std::free(row.last_data);
+    row.last_data = nullptr;
   } else {
     std::free(row.last_data);
     row.last_data = nullptr;

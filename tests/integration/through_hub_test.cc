@@ -3,6 +3,7 @@
 // reports what it sees into a file.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -17,7 +18,10 @@ std::string Dir(const std::string& path) { return path.substr(0, path.rfind('/')
 
 // Runs the peer's scenario as the hub's first client; returns its report.
 std::string UnderHub(const std::string& mode, bool sockets = false, int* status = nullptr) {
-  std::string report = ::testing::TempDir() + "/hub_report_" + mode + ".txt";
+  // One file per test: tests of the same scenario may run at the same time.
+  std::string report = ::testing::TempDir() + "/hub_report_" +
+                       ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
+                       std::to_string(getpid()) + ".txt";
   std::remove(report.c_str());
   std::vector<std::string> argv = {VARN_QUON_PATH, "--path", Dir(VARN_SWEEP_SERVER_PATH), "--path",
                                    Dir(VARN_PEER_PATH)};
