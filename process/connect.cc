@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/api_entry.h"
 #include "core/library_state.h"
 #include "host/paths.h"
 #include "transport/receive.h"
@@ -94,12 +95,7 @@ extern "C" int varn_connect_process(varnHandle* h, const char* name, const char*
 
 extern "C" int varn_connect_server(varnHandle* h, varnHandle owner, const char* server) noexcept {
   if (varn_debug_true()) return 1;
-  if (VarnErrorNo == VARN_E_DAEMON_GONE) return 0;
-  VarnErrorNo = 0;
-  if (!varn::core::ValidHandle(owner)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
+  if (!varn::core::EnterCall(owner)) return 0;
   const VarnEntry& owner_row = VarnMessage[owner];
   int d;
   if (owner_row.name != nullptr && varn::core::FindDisabledEntry(&d, owner_row.name)) {
@@ -161,8 +157,7 @@ extern "C" int varn_connect_server(varnHandle* h, varnHandle owner, const char* 
 }
 
 extern "C" int varn_query_pg_process(char** list) noexcept {
-  if (VarnErrorNo == VARN_E_DAEMON_GONE) return 0;
-  VarnErrorNo = 0;
+  if (!varn::core::EnterCall()) return 0;
   if (VarnChanType == VARN_CHAN_STANDALONE) {
     VarnErrorNo = VARN_E_NOT_STANDALONE;
     return 0;
@@ -216,8 +211,7 @@ extern "C" int varn_get_query_result(char** cursor, char* name, char* address, c
 }
 
 extern "C" int varn_query_server_address(const char* server, char** address) noexcept {
-  if (VarnErrorNo == VARN_E_DAEMON_GONE) return 0;
-  VarnErrorNo = 0;
+  if (!varn::core::EnterCall()) return 0;
   int count = varn::core::ActiveCount();
   for (int i = 0; i < count; ++i) {
     VarnEntry& row = VarnMessage[i];
@@ -236,12 +230,7 @@ extern "C" int varn_query_server_address(const char* server, char** address) noe
 extern "C" int varn_query_status(varnHandle h, uint32_t* status, char* text) noexcept {
   *status = VARN_STATUS_DEAD;
   text[0] = '\0';
-  if (VarnErrorNo == VARN_E_DAEMON_GONE) return 0;
-  VarnErrorNo = 0;
-  if (!varn::core::ValidHandle(h)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
+  if (!varn::core::EnterCall(h)) return 0;
   VarnEntry& row = VarnMessage[h];
   if (row.state == ENTRY_FREE) {
     VarnErrorNo = VARN_E_CLOSED;

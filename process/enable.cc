@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/api_entry.h"
 #include "core/library_state.h"
 #include "varn.h"
 
@@ -154,12 +155,7 @@ extern "C" int varnP_notify(const char* text) noexcept {
 }
 
 extern "C" int varnP_disconnect_process(varnHandle h) noexcept {
-  if (VarnErrorNo == VARN_E_DAEMON_GONE) return 0;
-  VarnErrorNo = 0;
-  if (!varn::core::ValidHandle(h)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
+  if (!varn::core::EnterCall(h)) return 0;
   VarnEntry& row = VarnMessage[h];
   row.state = ENTRY_FREE;
   row.last_category = VARN_DETACH;

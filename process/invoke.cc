@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/api_entry.h"
 #include "core/library_state.h"
 #include "platform/system.h"
 #include "varn.h"
@@ -101,14 +102,53 @@ void FillStarted(VarnEntry& row, uint32_t keep, uint32_t non_velor, uint32_t kin
   row.immediate_intr_kill = 0;
 }
 
+// The first half of both starts: debug simulation, the request category,
+// the row's fields, and the request itself. Returns 1 when the request went
+// out, 2 when debug mode simulated the start, 0 on failure (row freed).
+int SendStart(varnHandle h, const char* name, const char* host, const char* args, uint32_t keep,
+              uint32_t non_velor, char* error_text, uint32_t kind, const char* workdir,
+              bool async) {
+  if (error_text != nullptr) error_text[0] = '\0';
+  if (varn_debug_true()) {
+    varn_debug_invoke_entry(h, name, host, args, keep, State().opt_outfile);
+    return 2;
+  }
+  VarnEntry& row = VarnMessage[h];
+  auto fail = [&row] {
+    row.state = ENTRY_FREE;
+    return 0;
+  };
+  // A non-protocol start of an unknown kind asks nothing, so it must not
+  // wait for an answer: it fails at once.
+  int category = RequestCategory(non_velor, kind, async);
+  if (category == 0) {
+    VarnErrorNo = VARN_E_INVOKE;
+    return fail();
+  }
+  std::string payload;
+  if (!PrepareStart(h, name, host, args, workdir, &payload)) return fail();
+  // A synchronous start's answer comes from "quon"; an asynchronous one's
+  // from the command word, which is what the row's address holds meanwhile.
+  row.state = async ? ENTRY_STARTING : ENTRY_ACTIVE;
+  std::string address = async ? CommandWord(name, host) : "quon";
+  if (!varn_util_strcpy(&row.address, address.c_str()) ||
+      !varn_util_strcpy(&row.local_address, State().own_address)) {
+    return fail();
+  }
+  row.last_category = 0;
+  if (!varn_send_packet("quon", State().own_address, category, payload.c_str(), 0)) {
+    return fail();
+  }
+  return 1;
+}
+
 using Starter = int (*)(varnHandle, const char*, const char*, const char*, uint32_t, uint32_t,
                         char*, uint32_t, const char*);
 
 int Invoke(varnHandle* h, const char* name, const char* host, const char* args, uint32_t keep,
            char* error_text, uint32_t non_velor, uint32_t kind, const char* workdir,
            Starter start) {
-  if (VarnErrorNo == VARN_E_DAEMON_GONE) return 0;
-  VarnErrorNo = 0;
+  if (!varn::core::EnterCall()) return 0;
   if (name == nullptr || name[0] == '\0') {
     VarnErrorNo = VARN_E_INVOKE;
     return 0;
@@ -148,36 +188,9 @@ int Invoke(varnHandle* h, const char* name, const char* host, const char* args, 
 extern "C" int varnP_invoke_entry(varnHandle h, const char* name, const char* host,
                                   const char* args, uint32_t keep, uint32_t non_velor,
                                   char* error_text, uint32_t kind, const char* workdir) noexcept {
-  if (error_text != nullptr) error_text[0] = '\0';
-  if (varn_debug_true()) {
-    varn_debug_invoke_entry(h, name, host, args, keep, State().opt_outfile);
-    return 1;
-  }
-  // A non-protocol start of an unknown kind asks nothing, so it must not
-  // wait for an answer: it fails at once.
-  int category = RequestCategory(non_velor, kind, false);
+  int sent = SendStart(h, name, host, args, keep, non_velor, error_text, kind, workdir, false);
+  if (sent != 1) return sent == 2 ? 1 : 0;
   VarnEntry& row = VarnMessage[h];
-  if (category == 0) {
-    row.state = ENTRY_FREE;
-    VarnErrorNo = VARN_E_INVOKE;
-    return 0;
-  }
-  std::string payload;
-  if (!PrepareStart(h, name, host, args, workdir, &payload)) {
-    row.state = ENTRY_FREE;
-    return 0;
-  }
-  row.state = ENTRY_ACTIVE;
-  if (!varn_util_strcpy(&row.address, "quon") ||
-      !varn_util_strcpy(&row.local_address, State().own_address)) {
-    row.state = ENTRY_FREE;
-    return 0;
-  }
-  row.last_category = 0;
-  if (!varn_send_packet("quon", State().own_address, category, payload.c_str(), 0)) {
-    row.state = ENTRY_FREE;
-    return 0;
-  }
   WaitForAnswer(h);
   if (VarnErrorNo != 0) {
     row.state = ENTRY_FREE;
@@ -216,34 +229,9 @@ extern "C" int varnP_invoke_entry_ex(varnHandle h, const char* name, const char*
                                      const char* args, uint32_t keep, uint32_t non_velor,
                                      char* error_text, uint32_t kind,
                                      const char* workdir) noexcept {
-  if (error_text != nullptr) error_text[0] = '\0';
-  if (varn_debug_true()) {
-    varn_debug_invoke_entry(h, name, host, args, keep, State().opt_outfile);
-    return 1;
-  }
-  int category = RequestCategory(non_velor, kind, true);
+  int sent = SendStart(h, name, host, args, keep, non_velor, error_text, kind, workdir, true);
+  if (sent != 1) return sent == 2 ? 1 : 0;
   VarnEntry& row = VarnMessage[h];
-  if (category == 0) {
-    row.state = ENTRY_FREE;
-    VarnErrorNo = VARN_E_INVOKE;
-    return 0;
-  }
-  std::string payload;
-  if (!PrepareStart(h, name, host, args, workdir, &payload)) {
-    row.state = ENTRY_FREE;
-    return 0;
-  }
-  row.state = ENTRY_STARTING;
-  if (!varn_util_strcpy(&row.address, CommandWord(name, host).c_str()) ||
-      !varn_util_strcpy(&row.local_address, State().own_address)) {
-    row.state = ENTRY_FREE;
-    return 0;
-  }
-  row.last_category = 0;
-  if (!varn_send_packet("quon", State().own_address, category, payload.c_str(), 0)) {
-    row.state = ENTRY_FREE;
-    return 0;
-  }
   FillStarted(row, keep, non_velor, kind);
   return 1;
 }
@@ -266,12 +254,7 @@ extern "C" int varn_invoke_nonvelor_program(varnHandle* h, const char* name, con
 }
 
 extern "C" int varn_wait_until_invoked(varnHandle h, char* error_text) noexcept {
-  if (VarnErrorNo == VARN_E_DAEMON_GONE) return 0;
-  VarnErrorNo = 0;
-  if (!varn::core::ValidHandle(h)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
+  if (!varn::core::EnterCall(h)) return 0;
   VarnEntry& row = VarnMessage[h];
   if (row.state == ENTRY_ACTIVE) return 1;
   if (row.state != ENTRY_STARTING) {

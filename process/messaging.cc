@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/api_entry.h"
 #include "core/diag.h"
 #include "core/library_state.h"
 #include "platform/system.h"
@@ -21,19 +22,7 @@ namespace {
 
 using varn::core::State;
 
-bool DaemonGone() { return VarnErrorNo == VARN_E_DAEMON_GONE; }
-
-// Entry rule of most public calls: refuse once the hub is gone, else clear
-// the error and check the handle.
-bool Enter(varnHandle h) {
-  if (DaemonGone()) return false;
-  VarnErrorNo = 0;
-  if (!varn::core::ValidHandle(h)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return false;
-  }
-  return true;
-}
+using varn::core::EnterCall;
 
 bool PeerDisabled(varnHandle h) {
   const char* name = VarnMessage[h].name;
@@ -83,7 +72,7 @@ void Since(int64_t mark_s, int mark_ms, uint32_t* seconds, uint32_t* micros) {
 
 extern "C" int varn_send_msg(varnHandle h, int category, const char* data,
                              int64_t length) noexcept {
-  if (!Enter(h)) return 0;
+  if (!EnterCall(h)) return 0;
   if (PeerDisabled(h)) return 1;  // messages to a disabled server are dropped
   VarnEntry& row = VarnMessage[h];
   if (row.state == ENTRY_EXITED) {
@@ -110,8 +99,7 @@ extern "C" int varn_send_msg(varnHandle h, int category, const char* data,
 extern "C" int varn_kill(varnHandle h) noexcept { return varn_send_msg(h, VARN_KILL, nullptr, 0); }
 
 extern "C" int varn_send_quon_cmd(const char* command) noexcept {
-  if (DaemonGone()) return 0;
-  VarnErrorNo = 0;
+  if (!EnterCall()) return 0;
   if (VarnChanType == VARN_CHAN_STANDALONE) {
     VarnErrorNo = VARN_E_STANDALONE;
     return 0;
@@ -183,7 +171,7 @@ extern "C" int varn_put_msg_in_queue(varnHandle h, int category, const char* dat
 
 extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_t* length,
                          uint32_t default_category, int force) noexcept {
-  if (!Enter(h)) return 0;
+  if (!EnterCall(h)) return 0;
   if (PeerDisabled(h) || (varn_debug_true() && force == 0)) {
     *category = default_category;
     if (buffer != nullptr) buffer[0] = '\0';
@@ -295,7 +283,7 @@ namespace {
 
 int RecvData(varnHandle h, uint32_t* category, char* buffer, int64_t capacity, uint32_t* length,
              int lane) {
-  if (!Enter(h)) return 0;
+  if (!EnterCall(h)) return 0;
   int cat = 0;
   size_t n = 0;
   int r = varn_receive_read_data(h, &cat, buffer, capacity, &n, lane);
@@ -318,7 +306,7 @@ extern "C" int varn_truly_recv_data(varnHandle h, uint32_t* category, char* buff
 
 extern "C" int varn_read_data(varnHandle h, uint32_t* category, char* buffer,
                               uint32_t* length) noexcept {
-  if (!Enter(h)) return 0;
+  if (!EnterCall(h)) return 0;
   if (PeerDisabled(h)) {
     VarnErrorNo = VARN_E_DISABLED;
     return 0;
