@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-#include "tests/integration/fake_hub.h"
+#include "tests/integration/peer_test.h"
 #include "tests/integration/run_program.h"
 
 namespace varn::testing {
@@ -16,29 +16,7 @@ namespace {
 constexpr char kS1[] = "S1@h";
 constexpr char kS2[] = "S2@h";
 
-class MessagingTest : public ::testing::Test {
- protected:
-  void StartPeer(const std::string& mode) {
-    ASSERT_TRUE(hub_.Start(mode));
-    ASSERT_EQ(hub_.Report().rfind("init parent=", 0), 0u);
-    self_ = hub_.ProgramAddress();
-  }
-  Packet Expect(const std::string& word) {
-    Packet p;
-    EXPECT_TRUE(hub_.Read(&p)) << "waiting for " << word;
-    EXPECT_EQ(p.word, word) << p.raw;
-    return p;
-  }
-  void AckExitNotice() {
-    Packet p;
-    ASSERT_TRUE(hub_.ReadUntil("SRVR_ERR", &p));
-    ASSERT_TRUE(hub_.Send(self_, "quon", "ACK"));
-    EXPECT_EQ(hub_.WaitExit(), 0);
-  }
-
-  FakeHub hub_;
-  std::string self_;
-};
+using MessagingTest = PeerTest;
 
 TEST_F(MessagingTest, WaitEndedByEndFailsWithInvalidCategory) {
   StartPeer("end-wait");
@@ -52,6 +30,7 @@ TEST_F(MessagingTest, WaitEndedByEndFailsWithInvalidCategory) {
   Expect("ACK");
   EXPECT_EQ(hub_.Report(), "wait 0 err=4 cat=- text=");
   AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
 TEST_F(MessagingTest, ImmediateIntrReachesCallbackWithoutEndingTheWait) {
@@ -62,6 +41,7 @@ TEST_F(MessagingTest, ImmediateIntrReachesCallbackWithoutEndingTheWait) {
   ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "later"));
   EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=DONE text=later");
   AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
 TEST_F(MessagingTest, WaitForAnyTakesTheQueuedMessageFirstAndLengthCountsTheNul) {
@@ -82,6 +62,7 @@ TEST_F(MessagingTest, WaitForAnyTakesTheQueuedMessageFirstAndLengthCountsTheNul)
   std::size_t padding = c % 4 == 2 ? 0 : 4 - (c - 2) % 4;
   EXPECT_EQ(hub_.Report(), "recv_msg_len 1 len=" + std::to_string(2 + padding + 1) + " text=ok");
   AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
 TEST_F(MessagingTest, HubCommandsAnsweredDoneAndRefused) {
@@ -96,6 +77,7 @@ TEST_F(MessagingTest, HubCommandsAnsweredDoneAndRefused) {
   ASSERT_TRUE(hub_.Send(self_, "quon", "EERROR", "no"));
   EXPECT_EQ(hub_.Report(), "chan 0 err=69 mode=0");
   AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
 TEST_F(MessagingTest, RecordTooLargeForBufferStaysReadable) {
@@ -114,6 +96,7 @@ TEST_F(MessagingTest, RecordTooLargeForBufferStaysReadable) {
   Expect("ACK");
   EXPECT_EQ(hub_.Report(), "end all");
   AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
 TEST_F(MessagingTest, ReadDataAfterTheStreamEndedReturnsItsRecordsThenEnd) {
@@ -133,6 +116,7 @@ TEST_F(MessagingTest, ReadDataAfterTheStreamEndedReturnsItsRecordsThenEnd) {
   EXPECT_EQ(hub_.Report(), "read_data 1 err=0 cat=DATA len=1 text=c");
   EXPECT_EQ(hub_.Report().rfind("read_data 1 err=0 cat=END len=4 text=tail", 0), 0u);
   AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
 // ---- Debug mode ----------------------------------------------------------
