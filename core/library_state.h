@@ -21,8 +21,8 @@ struct LibraryState {
   bool initialised = false;
   varnHandle saved_parent = -1;
 
-  // Identity (constant after init, except that a start of a process
-  // rebuilds own_address from the same parts).
+  // Identity (constant after init; the error-forwarding thread reads
+  // own_address).
   char program_name[kNameSize] = {};
   char host_name[kNameSize] = {};
   char pid_text[kPidTextSize] = {};

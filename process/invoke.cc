@@ -47,8 +47,8 @@ int RequestCategory(uint32_t non_velor, uint32_t kind, bool async) {
 // Steps shared by both starts: own address, row fields, request payload.
 bool PrepareStart(varnHandle h, const char* name, const char* host, const char* args,
                   const char* workdir, std::string* payload) {
-  auto& s = State();
-  std::snprintf(s.own_address, sizeof s.own_address, "%s@%s", s.pid_text, s.host_name);
+  // The own address ("pid@host") is not rebuilt here: its parts cannot
+  // change, and the error-forwarding thread reads it without a lock.
   VarnEntry& row = VarnMessage[h];
   std::string dir;
   if (workdir != nullptr && workdir[0] != '\0') {

@@ -13,19 +13,11 @@
 namespace varn::testing {
 namespace {
 
-constexpr char kS1[] = "S1@h";
-constexpr char kS2[] = "S2@h";
-
 using MessagingTest = PeerTest;
 
 TEST_F(MessagingTest, WaitEndedByEndFailsWithInvalidCategory) {
   StartPeer("end-wait");
-  Expect("CMD");
-  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
-  EXPECT_EQ(hub_.Report(), "send 1");
-  ASSERT_TRUE(hub_.Send(self_, kS1, "BEGIN"));
-  Expect("ACK");
-  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=BEGIN text=");
+  AcknowledgeCommandAndBeginStream();
   ASSERT_TRUE(hub_.Send(self_, kS1, "END", "fin"));
   Expect("ACK");
   EXPECT_EQ(hub_.Report(), "wait 0 err=4 cat=- text=");
@@ -82,12 +74,7 @@ TEST_F(MessagingTest, HubCommandsAnsweredDoneAndRefused) {
 
 TEST_F(MessagingTest, RecordTooLargeForBufferStaysReadable) {
   StartPeer("small-buffer");
-  Expect("CMD");
-  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
-  EXPECT_EQ(hub_.Report(), "send 1");
-  ASSERT_TRUE(hub_.Send(self_, kS1, "BEGIN"));
-  Expect("ACK");
-  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=BEGIN text=");
+  AcknowledgeCommandAndBeginStream();
   ASSERT_TRUE(hub_.Send(self_, kS1, "DATA", "000006abcdef000001g"));
   EXPECT_EQ(hub_.Report(), "small 0 err=34");
   EXPECT_EQ(hub_.Report(), "record 6 abcdef");
@@ -101,12 +88,7 @@ TEST_F(MessagingTest, RecordTooLargeForBufferStaysReadable) {
 
 TEST_F(MessagingTest, ReadDataAfterTheStreamEndedReturnsItsRecordsThenEnd) {
   StartPeer("read-after-end");
-  Expect("CMD");
-  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
-  EXPECT_EQ(hub_.Report(), "send 1");
-  ASSERT_TRUE(hub_.Send(self_, kS1, "BEGIN"));
-  Expect("ACK");
-  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=BEGIN text=");
+  AcknowledgeCommandAndBeginStream();
   ASSERT_TRUE(hub_.Send(self_, kS1, "DATA", "000002ab000001c"));
   EXPECT_EQ(hub_.Report().rfind("wait 1 err=0 cat=DATA", 0), 0u);
   ASSERT_TRUE(hub_.Send(self_, kS1, "END", "tail"));

@@ -11,6 +11,9 @@
 
 namespace varn::testing {
 
+inline constexpr char kS1[] = "S1@h";
+inline constexpr char kS2[] = "S2@h";
+
 class PeerTest : public ::testing::Test {
  protected:
   void StartPeer(const std::string& mode, FakeHub::Options options = {}) {
@@ -31,6 +34,16 @@ class PeerTest : public ::testing::Test {
     EXPECT_EQ(request.destination, "quon");
     EXPECT_EQ(request.payload, "NULL@NULL NULL NULL AllProcess ByName");
     ASSERT_TRUE(hub_.Send(self_, "quon", "QUERYP", records));
+  }
+  // The program sent S1 a command: acknowledge it, and open S1's stream
+  // (the program acknowledges the BEGIN and its wait returns it).
+  void AcknowledgeCommandAndBeginStream() {
+    Expect("CMD");
+    ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+    EXPECT_EQ(hub_.Report().rfind("send 1", 0), 0u);
+    ASSERT_TRUE(hub_.Send(self_, kS1, "BEGIN"));
+    EXPECT_EQ(Expect("ACK").destination, kS1);
+    EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=BEGIN text=");
   }
   // Answers the exit notice so the program can end.
   void AckExitNotice() {

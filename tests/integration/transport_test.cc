@@ -9,9 +9,6 @@
 namespace varn::testing {
 namespace {
 
-constexpr char kS1[] = "S1@h";
-constexpr char kS2[] = "S2@h";
-
 using TransportTest = PeerTest;
 
 TEST_F(TransportTest, CommandExchangeIsByteExact) {
