@@ -8,6 +8,7 @@
 #include "core/diag.h"
 #include "core/library_state.h"
 #include "core/low_memory.h"
+#include "core/status.h"
 #include "host/debug_settings.h"
 #include "host/gui.h"
 #include "host/plugin_manager.h"
@@ -214,7 +215,18 @@ bool SetUpStreamsAndChannels() {
       return false;
     }
     s.error_fd = platform::kStderr;
-    if (!platform::IsOpenFd(s.error_fd)) return false;
+    if (!platform::IsOpenFd(s.error_fd)) {
+      // No error stream. Without -quon_noconsole that is fatal; with it the
+      // process goes on, its error output and standard output going to the
+      // null device (so that no file it opens later takes descriptor 1 or 2
+      // and receives diagnostics).
+      if (!s.noconsole_flag) return false;
+      int null_fd = platform::OpenNullDevice();
+      if (null_fd >= 0) {
+        platform::Duplicate2(null_fd, platform::kStderr);
+        platform::Close(null_fd);
+      }
+    }
     // Nothing the application prints may reach the channel.
     std::fflush(stdout);
     platform::Duplicate2(s.error_fd, platform::kStdout);
@@ -297,7 +309,7 @@ extern "C" int varn_init(int* argc, char** argv, varnHandle* parent) noexcept {
   int count = varn::core::ActiveCount();
   for (int i = 0; i < count; ++i) VarnMessage[i] = VarnEntry{};
   varn::core::ClearFileRows();
-  s.status_text[0] = '\0';
+  varn::core::ClearStatusText();
   VarnErrorNo = 0;
 
   int h = -1;
@@ -343,6 +355,9 @@ extern "C" int varn_init_varn_line(void) noexcept {
 extern "C" int varn_deinit(void) noexcept {
   auto& s = State();
   if (!s.initialised) return 1;
+  // In socket mode the last lines of error output go to the hub before the
+  // exit notice does.
+  varn::transport::StopErrorForwarding();
   if (VarnErrorNo != VARN_E_DAEMON_GONE) {
     VarnEntry& row = VarnMessage[0];
     row.state = ENTRY_ACTIVE;
@@ -355,7 +370,9 @@ extern "C" int varn_deinit(void) noexcept {
     row.immediate_intr_kill = 0;
     VarnErrorNo = 0;
     s.initialised = false;
-    if (varn_send_msg(0, VARN_SRVR_ERR, s.status_text, 0)) {
+    char status_text[VARN_STATUS_TEXT_SIZE];
+    varn::core::StatusText(status_text, sizeof status_text);
+    if (varn_send_msg(0, VARN_SRVR_ERR, status_text, 0)) {
       int count = varn::core::ActiveCount();
       for (int i = 0; i < count; ++i) varnP_deinit_entry(i);
       std::free(s.opt_outfile);

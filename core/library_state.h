@@ -28,9 +28,6 @@ struct LibraryState {
   char pid_text[kPidTextSize] = {};
   char own_address[kNameSize] = {};
 
-  // Status text that goes with VarnStatus (at most 5799 characters).
-  char status_text[VARN_STATUS_TEXT_SIZE] = {};
-
   // Active entry count; -1 until first read (then 40).
   int active_count = -1;
 
@@ -86,9 +83,6 @@ void ClearFileRows();
 // Files an answer into the first waiting row. Returns false when no row
 // waits (the answer is dropped). Sets VarnErrorNo 35 when the copy fails.
 bool FileAnswer(int category, const char* payload, std::size_t length);
-
-// Status words "IDLE", "BUSY", "DEAD" by code 0..2; nullptr otherwise.
-const char* StatusWord(int status);
 
 }  // namespace varn::core
 

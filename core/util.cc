@@ -5,24 +5,11 @@
 #include <cstring>
 
 #include "core/library_state.h"
+#include "core/status.h"
 #include "host/support.h"
 #include "platform/system.h"
 #include "transport/wire_format.h"
 #include "varn.h"
-
-namespace varn::core {
-namespace {
-
-constexpr const char* kStatusWords[] = {"IDLE", "BUSY", "DEAD"};
-
-}  // namespace
-
-const char* StatusWord(int status) {
-  if (status < VARN_STATUS_IDLE || status > VARN_STATUS_DEAD) return nullptr;
-  return kStatusWords[status];
-}
-
-}  // namespace varn::core
 
 int varn_util_int_to_category(int code, char* word) noexcept {
   const char* text = varn::wire::CategoryWord(code);

@@ -404,6 +404,13 @@ VARN_EXPORT int varn_set_callback(VarnCallback callback) VARN_NOEXCEPT;
 VARN_EXPORT void varnP_set_callback(VarnCallback callback) VARN_NOEXCEPT;
 VARN_EXPORT void varnP_call_callback(varnHandle h) VARN_NOEXCEPT;
 
+/* Sends KILL to h and waits for its exit notice; the row is free afterwards.
+   A process that receives KILL runs its callback (on the library's input
+   thread, with the application's thread held), sends its exit notice to the
+   hub and exits with status 0 through exit(): exit handlers run and stdio
+   streams are flushed. An exit handler that has not finished after 2 s
+   (one that needs a lock the held thread owns) is abandoned and the
+   process ends at once. */
 VARN_EXPORT int varn_kill(varnHandle h) VARN_NOEXCEPT;
 VARN_EXPORT int varn_send_quon_cmd(const char* command) VARN_NOEXCEPT;
 VARN_EXPORT int varn_set_chan_mode(int mode) VARN_NOEXCEPT;

@@ -92,6 +92,8 @@ bool Duplicate2(int from, int to) {
 
 int OpenNullForReading() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
+int OpenNullDevice() { return open("/dev/null", O_RDWR | O_CLOEXEC); }
+
 bool IsOpenFd(int fd) { return fd >= 0 && fcntl(fd, F_GETFD) != -1; }
 
 bool SetNonBlocking(int fd, bool on) {

@@ -47,6 +47,8 @@ void Close(int fd);
 bool Duplicate2(int from, int to);
 // Descriptor of /dev/null opened for reading, or kInvalidFd.
 int OpenNullForReading();
+// Descriptor of /dev/null opened for reading and writing, or kInvalidFd.
+int OpenNullDevice();
 bool IsOpenFd(int fd);
 bool SetNonBlocking(int fd, bool on);
 bool SetCloseOnExec(int fd, bool on);

@@ -1,12 +1,14 @@
 #include "platform/thread.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <mutex>
 
 namespace varn::platform {
@@ -14,11 +16,22 @@ namespace {
 
 // State of the hold mechanism. The target fields are written once, before
 // any hold, by the target itself; the pipes are created with them.
+//
+// A hold moves g_state from kIdle to kRequested (holder), to kParked (the
+// target, by compare-and-swap, just before it parks), and back to kIdle
+// (holder, at release). Only a target that wins the swap parks, so a stale
+// or repeated signal never parks it a second time, and a holder that gives
+// up takes the request back by the opposite swap.
+enum State : int { kIdle, kRequested, kParked };
+
 int HoldSignal() { return SIGRTMIN + 4; }
 pthread_t g_target;
 std::atomic<bool> g_has_target{false};
-int g_parked[2] = {-1, -1};   // target -> holder: "I have parked"
-int g_release[2] = {-1, -1};  // holder -> target: "carry on"
+std::atomic<int> g_state{kIdle};
+std::atomic<bool> g_force{false};       // park even inside a deferred section
+std::atomic<bool> g_in_section{false};  // the last park happened inside one
+int g_parked[2] = {-1, -1};             // target -> holder: "I have parked"
+int g_release[2] = {-1, -1};            // holder -> target: "carry on"
 // Only the target thread touches these, from normal code and from the
 // signal handler that runs on it.
 volatile sig_atomic_t g_defer_depth = 0;
@@ -26,8 +39,11 @@ volatile sig_atomic_t g_hold_pending = 0;
 std::once_flag g_install_once;
 bool g_installed = false;
 
-void Park() {
+void TryPark(bool in_section) {
+  int expected = kRequested;
+  if (!g_state.compare_exchange_strong(expected, kParked)) return;
   int saved = errno;
+  g_in_section.store(in_section);
   char c = 1;
   while (write(g_parked[1], &c, 1) < 0 && errno == EINTR) {
   }
@@ -37,11 +53,12 @@ void Park() {
 }
 
 void OnHoldSignal(int) {
-  if (g_defer_depth > 0) {
+  if (g_state.load() != kRequested) return;
+  if (g_defer_depth > 0 && !g_force.load()) {
     g_hold_pending = 1;
     return;
   }
-  Park();
+  TryPark(g_defer_depth > 0);
 }
 
 void Install() {
@@ -51,6 +68,25 @@ void Install() {
   sigemptyset(&sa.sa_mask);
   sa.sa_flags = SA_RESTART;
   g_installed = sigaction(HoldSignal(), &sa, nullptr) == 0;
+}
+
+// Waits up to timeout_ms (negative: for ever) for the target's "parked".
+bool WaitParked(int timeout_ms) {
+  pollfd p{g_parked[0], POLLIN, 0};
+  for (;;) {
+    int r = poll(&p, 1, timeout_ms);
+    if (r > 0) break;
+    if (r == 0) return false;
+    if (errno != EINTR) return false;
+  }
+  char c;
+  while (read(g_parked[0], &c, 1) < 0 && errno == EINTR) {
+  }
+  return true;
+}
+
+ThreadHold::Result ParkedResult() {
+  return g_in_section.load() ? ThreadHold::Result::kHeldInSection : ThreadHold::Result::kHeld;
 }
 
 struct ThreadStart {
@@ -65,19 +101,50 @@ void* ThreadMain(void* p) {
   return nullptr;
 }
 
+bool Create(void (*fn)(void*), void* arg, pthread_t* t) {
+  auto* start = new ThreadStart{fn, arg};
+  if (pthread_create(t, nullptr, ThreadMain, start) != 0) {
+    delete start;
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 ThreadId CurrentThreadId() { return static_cast<ThreadId>(syscall(SYS_gettid)); }
 
 bool StartThread(void (*fn)(void*), void* arg) {
-  auto* start = new ThreadStart{fn, arg};
   pthread_t t;
-  if (pthread_create(&t, nullptr, ThreadMain, start) != 0) {
-    delete start;
-    return false;
-  }
+  if (!Create(fn, arg, &t)) return false;
   pthread_detach(t);
   return true;
+}
+
+bool JoinableThread::Start(void (*fn)(void*), void* arg) {
+  if (started_) return false;
+  pthread_t t;
+  if (!Create(fn, arg, &t)) return false;
+  handle_ = static_cast<unsigned long>(t);
+  started_ = true;
+  return true;
+}
+
+bool JoinableThread::Join(int timeout_ms) {
+  if (!started_) return true;
+  timespec deadline;
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += timeout_ms / 1000;
+  deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  pthread_t t = static_cast<pthread_t>(handle_);
+  started_ = false;
+  if (pthread_timedjoin_np(t, nullptr, &deadline) == 0) return true;
+  pthread_detach(t);
+  return false;
 }
 
 void BlockHoldSignal() {
@@ -103,16 +170,29 @@ bool ThreadHold::HasTarget() { return g_has_target.load(std::memory_order_acquir
 
 bool ThreadHold::IsTarget() { return HasTarget() && pthread_equal(pthread_self(), g_target); }
 
-bool ThreadHold::Hold() {
-  if (!HasTarget() || IsTarget()) return false;
-  if (pthread_kill(g_target, HoldSignal()) != 0) return false;
-  char c;
-  while (read(g_parked[0], &c, 1) < 0 && errno == EINTR) {
+ThreadHold::Result ThreadHold::Hold(int timeout_ms) {
+  if (!HasTarget() || IsTarget()) return Result::kFailed;
+  g_force.store(false);
+  g_state.store(kRequested);
+  if (pthread_kill(g_target, HoldSignal()) != 0) {
+    g_state.store(kIdle);
+    return Result::kFailed;
   }
-  return true;
+  if (WaitParked(timeout_ms)) return ParkedResult();
+  // Still inside a deferred section (or not answering at all): park it
+  // where it is.
+  g_force.store(true);
+  pthread_kill(g_target, HoldSignal());
+  if (WaitParked(timeout_ms)) return ParkedResult();
+  int expected = kRequested;
+  if (g_state.compare_exchange_strong(expected, kIdle)) return Result::kFailed;
+  WaitParked(-1);  // it won the swap just now: its "parked" is on the way
+  return ParkedResult();
 }
 
 void ThreadHold::Release() {
+  g_force.store(false);
+  g_state.store(kIdle);
   char c = 1;
   while (write(g_release[1], &c, 1) < 0 && errno == EINTR) {
   }
@@ -127,7 +207,7 @@ DeferHoldScope::~DeferHoldScope() {
   g_defer_depth = g_defer_depth - 1;
   if (g_defer_depth == 0 && g_hold_pending) {
     g_hold_pending = 0;
-    Park();
+    TryPark(false);
   }
 }
 

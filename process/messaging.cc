@@ -12,6 +12,7 @@
 #include "core/api_entry.h"
 #include "core/diag.h"
 #include "core/library_state.h"
+#include "core/status.h"
 #include "platform/system.h"
 #include "services/debug_mode.h"
 #include "transport/output.h"
@@ -327,8 +328,7 @@ extern "C" int varn_set_status(uint32_t status, const char* text) noexcept {
     VarnErrorNo = VARN_E_BAD_STATUS;
     return 0;
   }
-  if (status != 3) VarnStatus = static_cast<int>(status);
-  std::snprintf(State().status_text, sizeof State().status_text, "%s", text ? text : "");
+  varn::core::SetStatus(static_cast<int>(status), text);
   return 1;
 }
 

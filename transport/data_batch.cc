@@ -24,6 +24,12 @@ std::size_t HeaderSize(const char* destination) {
          std::strlen(varn::core::State().own_address) + 1 + std::strlen("DATA") + 1;
 }
 
+// Size of the batch packet once `used` bytes (header space included) are
+// written and padded: the limit applies to the packet as it goes out.
+std::size_t PaddedSize(std::size_t used) {
+  return used + wire::PaddingFor(used - wire::kLengthDigits);
+}
+
 }  // namespace
 
 namespace varn::transport {
@@ -38,7 +44,7 @@ void ResetBatchForInit() {
 extern "C" int varnP_data_batch_add(const char* destination, const void* payload,
                                     size_t length) noexcept {
   if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
-  if (HeaderSize(destination) + wire::kLengthDigits + length >= wire::kPacketLimit) {
+  if (PaddedSize(HeaderSize(destination) + wire::kLengthDigits + length) >= wire::kPacketLimit) {
     VarnErrorNo = VARN_E_TOO_LONG;
     return 0;
   }
@@ -49,7 +55,7 @@ extern "C" int varnP_data_batch_add(const char* destination, const void* payload
   // flushed (it would be an empty DATA packet), it grows instead.
   bool has_records = g_length > HeaderSize(g_destination);
   if (g_buffer != nullptr && has_records &&
-      (g_length + wire::kLengthDigits + length >= wire::kPacketLimit ||
+      (PaddedSize(g_length + wire::kLengthDigits + length) >= wire::kPacketLimit ||
        g_length + wire::kLengthDigits + length >= g_capacity)) {
     if (!varnP_data_batch_flush() || !varnP_data_batch_open(destination)) return 0;
   }

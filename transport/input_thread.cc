@@ -5,8 +5,9 @@
 //     thread (its own mutex, see packet_channel.h).
 //   - g_waiting: the waiting-packet count, an atomic (it stands for the
 //     message counter lock).
-//   - g_input_started, g_error_started: set once on the application's
-//     thread during varn_init.
+//   - g_input_started, g_error_thread: set on the application's thread
+//     (varn_init, varn_deinit).
+//   - g_input_thread_id: written once by the input thread, read by any.
 //   - everything of the library (rows, queue, receive side): touched by the
 //     input thread only between ThreadHold::Hold() and Release(), while the
 //     application's thread is parked.
@@ -16,9 +17,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "core/diag.h"
 #include "core/library_state.h"
+#include "core/status.h"
 #include "platform/io.h"
 #include "platform/system.h"
 #include "platform/thread.h"
@@ -39,9 +42,18 @@ namespace wire = varn::wire;
 varn::transport::PacketChannel* g_channel = nullptr;  // created once, never destroyed
 std::atomic<int> g_waiting{0};
 bool g_input_started = false;
-bool g_error_started = false;
-platform::ThreadId g_app_thread_id = 0;
-platform::ThreadId g_input_thread_id = 0;
+platform::JoinableThread g_error_thread;  // application's thread
+std::atomic<platform::ThreadId> g_input_thread_id{0};
+
+// How long the input thread waits for the application's thread to park
+// before it parks it where it is (and again before it gives up).
+constexpr int kHoldWaitMs = 1000;
+// How long the end of the process may take in exit handlers when it ends
+// from the input thread, before it is ended without them.
+constexpr int kExitWatchdogMs = 2000;
+// How long varn_deinit waits for the error-forwarding thread to pass on
+// what was written before the end.
+constexpr int kErrorDrainMs = 2000;
 // Counters for the trace lines.
 int g_input_count = 0;       // input thread
 int g_taken_count = 0;       // application's thread
@@ -122,15 +134,49 @@ ReadResult ReadPacket(PacketBody* packet, bool input_thread) {
   return ReadResult::kPacket;
 }
 
+void PushForApplication(PacketBody packet) {
+  g_waiting.fetch_add(1);
+  varn_post_quonin_msg();
+  g_channel->Push(packet);
+}
+
+// Answers STATUS? from the status the application's thread last set,
+// without holding it: a busy or sleeping process answers at once and its
+// sleep is not cut short.
+void AnswerStatusQuery(const wire::Header& header) {
+  char text[VARN_STATUS_TEXT_SIZE];
+  varn::core::StatusAnswer(text, sizeof text);
+  std::string destination(header.source);
+  std::string source(header.destination);
+  varn::transport::WireOnlyScope wire_only;
+  varn::transport::SendSmallPacketQuiet(destination.c_str(), source.c_str(), wire::kStatus, text,
+                                        0);
+}
+
 void HandleInterrupt(PacketBody packet, int category) {
-  platform::ThreadHold::Hold();
+  platform::ThreadHold::Result held = platform::ThreadHold::Hold(kHoldWaitMs);
+  if (held == platform::ThreadHold::Result::kFailed) {
+    // The application's thread does not let itself be held (it blocks the
+    // hold signal). An INTR then reaches it at its next read, like any
+    // message; a KILL ends the process without touching library state.
+    if (category == wire::kIntr) {
+      PushForApplication(packet);
+      return;
+    }
+    Diag("@@@ Thread=%u varnP_thread_quonin(2): KILL without holding the application\n",
+         platform::CurrentThreadId());
+    std::free(packet.data);
+    varn::transport::EndProcess(0);
+  }
   if (State().trace && (category == wire::kKill || category == wire::kIntr)) {
     Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
   }
   // The held thread may be in the middle of a call that looks at
   // VarnErrorNo; an INTR leaves it as it was.
   int saved_error = VarnErrorNo;
-  varn::transport::SetInterruptContext(true);
+  // Parked inside a deferred section, the held thread may own the wire
+  // lock in the middle of a packet: nothing can be written until it goes on.
+  varn::transport::SetInterruptContext(true, held == platform::ThreadHold::Result::kHeldInSection);
   char *destination, *source, *payload;
   int parsed_category = 0;
   std::size_t payload_length = 0;
@@ -153,7 +199,7 @@ void HandleInterrupt(PacketBody packet, int category) {
 }
 
 void EndOfInput() {
-  g_channel->Push(HubLossPacket());
+  g_channel->PushLast(HubLossPacket());
   g_channel->Close();
 }
 
@@ -179,13 +225,16 @@ void PacketLoop() {
     }
     int category = wire::kNone;
     wire::CategoryFromWord(header.word, &category);
-    // STATUS? and QUERY? are answered here, with the application's thread
-    // held like for an interrupt, so that a process busy in its own code
-    // (a server computing a long answer) still reports BUSY and its
-    // progress text instead of answering only once it reads again.
-    if (category == wire::kKill || category == wire::kIntr || category == wire::kStatusQuery ||
-        category == wire::kQueryQuery) {
+    if (category == wire::kKill || category == wire::kIntr) {
       HandleInterrupt(packet, category);
+    } else if (category == wire::kStatusQuery) {
+      // Answered here so that a process busy in its own code (a server
+      // computing a long answer) still reports BUSY and its progress text.
+      if (State().trace) {
+        Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
+      }
+      AnswerStatusQuery(header);
+      std::free(packet.data);
     } else if (category == wire::kPing) {
       if (State().trace) {
         Diag("@@@ Thread=%u <<< quonin <--- [%06zu%s]\n", platform::CurrentThreadId(),
@@ -193,13 +242,11 @@ void PacketLoop() {
       }
       std::free(packet.data);
     } else {
-      g_waiting.fetch_add(1);
-      varn_post_quonin_msg();
       if (State().trace) {
         Diag("@@@ Thread=%u + WriteFile[%d]=%06zu%s\n", platform::CurrentThreadId(), g_input_count,
              packet.length, packet.data);
       }
-      g_channel->Push(packet);
+      PushForApplication(packet);
     }
     ++g_input_count;
   }
@@ -238,9 +285,7 @@ void LineLoop() {
     PacketBody p{static_cast<char*>(std::malloc(used + 1)), used};
     if (p.data != nullptr) {
       std::memcpy(p.data, line, used + 1);
-      g_waiting.fetch_add(1);
-      varn_post_quonin_msg();
-      g_channel->Push(p);
+      PushForApplication(p);
     }
     ++g_input_count;
     used = 0;
@@ -250,7 +295,7 @@ void LineLoop() {
 }
 
 void InputThreadMain(void*) {
-  g_input_thread_id = platform::CurrentThreadId();
+  g_input_thread_id.store(platform::CurrentThreadId());
   varn::transport::UsePrivatePacketBuffer();
   if (State().debug_flag) {
     LineLoop();
@@ -259,9 +304,13 @@ void InputThreadMain(void*) {
   }
 }
 
+// Errors of its sends stay here: VarnErrorNo belongs to the application's
+// thread. The thread ends when the pipe has no writer left (varn_deinit)
+// or a send fails.
 void ErrorThreadMain(void*) {
+  platform::BlockHoldSignal();
   varn::transport::UsePrivatePacketBuffer();
-  varn::transport::SetWireOnlyThread();
+  varn::transport::WireOnlyScope wire_only;
   if (State().debug_flag) return;
   char line[512];
   std::size_t used = 0;
@@ -276,7 +325,10 @@ void ErrorThreadMain(void*) {
       if (!end) line[used++] = c;
       if (end || used == 511) {
         line[used] = '\0';
-        if (!varn_send_packet("quon", State().own_address, VARN_STDERR, line, used)) return;
+        if (varn::transport::SendPacketQuiet("quon", State().own_address, VARN_STDERR, line,
+                                             used) != 0) {
+          return;
+        }
         used = 0;
       }
     }
@@ -289,15 +341,54 @@ namespace varn::transport {
 
 bool StartErrorForwarding() { return varnP_start_error_thread() == 1; }
 
+namespace {
+
+int g_exit_status = 0;
+
+void ExitWatchdog(void*) {
+  platform::SleepMilliseconds(kExitWatchdogMs);
+  platform::ExitImmediately(g_exit_status);
+}
+
+}  // namespace
+
 void EndProcess(int status) {
-  if (platform::CurrentThreadId() == g_input_thread_id) {
-    if (ftrylockfile(stdout) == 0) {
-      std::fflush(stdout);
-      funlockfile(stdout);
-    }
-    platform::ExitImmediately(status);
+  if (platform::CurrentThreadId() == g_input_thread_id.load()) {
+    // The process ends as on any exit, so that exit handlers run and what
+    // the application wrote to its files is flushed. The held application's
+    // thread may own a lock that one of them needs; the watchdog then ends
+    // the process without them.
+    g_exit_status = status;
+    platform::StartThread(ExitWatchdog, nullptr);
   }
   std::exit(status);
+}
+
+void StopErrorForwarding() {
+  if (!g_error_thread.started()) return;
+  // What the application wrote is handed to the pipe, then every writer of
+  // the pipe is closed so that the thread reads to its end and stops.
+  if (platform::CurrentThreadId() == g_input_thread_id.load()) {
+    // The held application's thread may own the streams' locks.
+    for (FILE* stream : {stdout, stderr}) {
+      if (ftrylockfile(stream) == 0) {
+        std::fflush(stream);
+        funlockfile(stream);
+      }
+    }
+  } else {
+    std::fflush(stdout);
+    std::fflush(stderr);
+  }
+  int null_fd = platform::OpenNullDevice();
+  if (null_fd >= 0) {
+    platform::Duplicate2(null_fd, platform::kStdout);
+    platform::Duplicate2(null_fd, platform::kStderr);
+    platform::Close(null_fd);
+  }
+  platform::Close(State().error_fd);
+  State().error_fd = platform::kInvalidFd;
+  g_error_thread.Join(kErrorDrainMs);
 }
 
 bool TakeDebugLine(char** line, std::size_t* length) {
@@ -319,7 +410,6 @@ extern "C" int startQuoninThread2(void) noexcept {
     Diag("startQuoninThread2: DuplicateHandle() failed for INTR, aborting...\n");
     return 0;
   }
-  g_app_thread_id = platform::CurrentThreadId();
   if (!platform::StartThread(InputThreadMain, nullptr)) {
     Diag("startQuoninThread2: CreateThread() failed, aborting...\n");
     return 0;
@@ -329,18 +419,17 @@ extern "C" int startQuoninThread2(void) noexcept {
 }
 
 extern "C" int varnP_start_error_thread(void) noexcept {
-  if (g_error_started) return 1;
+  if (g_error_thread.started()) return 1;
   int fds[2];
   if (!platform::CreatePipe(fds)) return 0;
   g_error_pipe_read = fds[0];
   State().error_fd = fds[1];
-  if (!platform::StartThread(ErrorThreadMain, nullptr)) {
+  if (!g_error_thread.Start(ErrorThreadMain, nullptr)) {
     platform::Close(fds[0]);
     platform::Close(fds[1]);
     State().error_fd = platform::kInvalidFd;
     return 0;
   }
-  g_error_started = true;
   return 1;
 }
 

@@ -17,11 +17,16 @@ namespace varn::transport {
 // State().error_fd) and starts the thread that forwards its lines as STDERR.
 bool StartErrorForwarding();
 
-// Ends the process with status. On the application's thread this is a
-// normal exit; on the input thread (KILL), where the held application's
-// thread may own stdio or allocator locks, standard output is flushed only
-// if its lock is free, and the process ends without exit handlers.
+// Ends the process with status through a normal exit (exit handlers run,
+// stdio streams are flushed). On the input thread (KILL), where the held
+// application's thread may own a lock an exit handler needs, a watchdog
+// ends the process without them if they have not finished within 2 s.
 [[noreturn]] void EndProcess(int status);
+
+// Socket mode: passes on what the application wrote to its error stream
+// and output, then stops the error-forwarding thread (waiting at most 2 s).
+// Standard output and error go to the null device afterwards.
+void StopErrorForwarding();
 
 // Debug mode: the next input line (a malloc'd block the caller frees, NUL
 // after the line, line feed removed by the caller). False at end of input.

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -24,10 +25,15 @@ namespace wire = varn::wire;
 namespace platform = varn::platform;
 
 std::recursive_mutex g_send_lock;
-std::mutex g_wire_lock;
+std::timed_mutex g_wire_lock;
 std::atomic<int> g_trace_counter{1};
 
+// How long an interrupt waits for the wire lock held by another sender
+// (the error-forwarding thread, or a status answer) before it gives up.
+constexpr auto kInterruptWireWait = std::chrono::seconds(2);
+
 thread_local bool t_interrupt_context = false;
+thread_local bool t_interrupt_wire_busy = false;
 thread_local bool t_private_buffer = false;
 thread_local bool t_wire_only = false;
 
@@ -59,33 +65,113 @@ char* PacketBuffer(std::size_t body) {
   return g_shared;
 }
 
+// Takes the wire lock as the calling thread may. False when an interrupt
+// cannot have it.
+bool LockWire() {
+  if (!t_interrupt_context) {
+    g_wire_lock.lock();
+    return true;
+  }
+  if (t_interrupt_wire_busy) return false;
+  return g_wire_lock.try_lock_for(kInterruptWireWait);
+}
+
+// Writes a whole packet; 0 or the error number.
+int WritePacket(char* buffer, std::size_t size) {
+  varn::transport::SendLockGuard send_lock;
+  {
+    // A hold that arrives while this thread has bytes of a packet on the
+    // channel waits until the packet is whole.
+    platform::DeferHoldScope defer;
+    if (!LockWire()) return VARN_E_PIPE_WRITE;
+    std::lock_guard<std::timed_mutex> wire_lock(g_wire_lock, std::adopt_lock);
+    std::size_t done = 0;
+    while (done < size) {
+      std::size_t written = 0;
+      bool ok = write_file_win(State().quonout_fd, buffer + done, size - done, &written);
+      done += written;
+      if (!ok && done < size) {
+        int e = platform::LastError();
+        if (e == EINTR || e == EAGAIN) continue;  // nothing lost: try the rest again
+        return VARN_E_PIPE_WRITE;
+      }
+    }
+  }
+  // Packets sent outside exchanges are not traced: the error-forwarding
+  // thread's trace line would go back into the error pipe and be forwarded
+  // again.
+  if (State().trace && !t_wire_only) {
+    buffer[size] = '\0';
+    varn::core::Diag(">>> quonout ---> %d [%s]\n", g_trace_counter.fetch_add(1), buffer);
+  }
+  return 0;
+}
+
+// Builds a packet into buf (capacity > packet size) and writes it.
 int BuildAndWrite(char* buf, std::size_t capacity, const char* destination, const char* source,
                   int category, const void* payload, std::size_t length) {
   std::size_t size = 0;
   wire::WireError e = wire::BuildPacket(buf, capacity, destination ? destination : "",
                                         source ? source : "", category, payload, length, &size);
-  if (e != wire::WireError::kOk) {
-    VarnErrorNo = static_cast<int>(e);
-    return 0;
-  }
+  if (e != wire::WireError::kOk) return static_cast<int>(e);
   buf[size] = '\0';  // the spare byte, for the trace line
-  return varnP_write_packet(buf, size);
+  return WritePacket(buf, size);
+}
+
+int Fail(int error) {
+  VarnErrorNo = error;
+  return 0;
 }
 
 }  // namespace
 
 namespace varn::transport {
 
-void SetInterruptContext(bool on) { t_interrupt_context = on; }
+void SetInterruptContext(bool on, bool wire_busy) {
+  t_interrupt_context = on;
+  t_interrupt_wire_busy = on && wire_busy;
+}
 bool InInterruptContext() { return t_interrupt_context; }
 void UsePrivatePacketBuffer() { t_private_buffer = true; }
-void SetWireOnlyThread() { t_wire_only = true; }
 
 SendLockGuard::SendLockGuard() : locked_(!t_interrupt_context && !t_wire_only) {
   if (locked_) g_send_lock.lock();
 }
 SendLockGuard::~SendLockGuard() {
   if (locked_) g_send_lock.unlock();
+}
+
+WireOnlyScope::WireOnlyScope() : previous_(t_wire_only) { t_wire_only = true; }
+WireOnlyScope::~WireOnlyScope() { t_wire_only = previous_; }
+
+int SendPacketQuiet(const char* destination, const char* source, int category, const void* payload,
+                    std::size_t length) {
+  if (!t_private_buffer) {
+    return SendSmallPacketQuiet(destination, source, category, payload, length);
+  }
+  if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
+  std::size_t size = wire::PacketSize(destination ? destination : "", source ? source : "",
+                                      category, payload ? length : 0);
+  if (size == 0) {
+    return wire::CategoryWord(category) == nullptr ? VARN_E_CATEGORY : VARN_E_TOO_LONG;
+  }
+  char* buf = PacketBuffer(size - wire::kLengthDigits);
+  return BuildAndWrite(buf, size + 1, destination, source, category, payload, length);
+}
+
+int SendSmallPacketQuiet(const char* destination, const char* source, int category,
+                         const void* payload, std::size_t length) {
+  char buf[VARN_STATUS_TEXT_SIZE];
+  if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
+  const char* word = wire::CategoryWord(category);
+  if (word == nullptr) return VARN_E_CATEGORY;
+  std::size_t fixed =
+      wire::BodyLength(destination ? destination : "", source ? source : "", word, 1) +
+      wire::kLengthDigits - 1;
+  std::size_t room = sizeof buf - 1 > fixed + 3 ? sizeof buf - 1 - fixed - 3 : 0;
+  if (length > room) length = room;
+  return BuildAndWrite(buf, sizeof buf - 1, destination, source, category,
+                       length > 0 ? payload : nullptr, length);
 }
 
 }  // namespace varn::transport
@@ -116,62 +202,24 @@ extern "C" int varn_send_packet(const char* destination, const char* source, int
     return 0;
   }
   char* buf = PacketBuffer(body);
-  if (buf == nullptr) {
-    VarnErrorNo = VARN_E_MALLOC;
-    return 0;
-  }
-  return BuildAndWrite(buf, body + 7, destination, source, category, payload, length);
+  if (buf == nullptr) return Fail(VARN_E_MALLOC);
+  int e = BuildAndWrite(buf, body + 7, destination, source, category, payload, length);
+  return e == 0 ? 1 : Fail(e);
 }
 
 extern "C" int varn_send_packet_signal(const char* destination, const char* source, int category,
                                        const void* payload, size_t length) noexcept {
-  char buf[VARN_STATUS_TEXT_SIZE];
-  if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
-  const char* word = wire::CategoryWord(category);
-  if (word == nullptr) {
-    VarnErrorNo = VARN_E_CATEGORY;
-    return 0;
-  }
   // These answers (STATUS, QUERY) are composed while a message is parsed,
   // possibly on the input thread; they never allocate. A payload that would
   // not fit the 5800-byte buffer (a long status text) is cut so that the
   // answer still goes out.
-  std::size_t fixed =
-      wire::BodyLength(destination ? destination : "", source ? source : "", word, 1) +
-      wire::kLengthDigits - 1;
-  std::size_t room = sizeof buf - 1 > fixed + 3 ? sizeof buf - 1 - fixed - 3 : 0;
-  if (length > room) length = room;
-  return BuildAndWrite(buf, sizeof buf - 1, destination, source, category,
-                       length > 0 ? payload : nullptr, length);
+  int e = varn::transport::SendSmallPacketQuiet(destination, source, category, payload, length);
+  return e == 0 ? 1 : Fail(e);
 }
 
 extern "C" int varnP_write_packet(char* buffer, size_t size) noexcept {
-  varn::transport::SendLockGuard send_lock;
-  {
-    // A hold that arrives while this thread has bytes of a packet on the
-    // channel waits until the packet is whole.
-    platform::DeferHoldScope defer;
-    std::lock_guard<std::mutex> wire_lock(g_wire_lock);
-    std::size_t done = 0;
-    while (done < size) {
-      std::size_t written = 0;
-      bool ok = write_file_win(State().quonout_fd, buffer + done, size - done, &written);
-      done += written;
-      if (!ok && done < size) {
-        int e = platform::LastError();
-        if (e == EINTR || e == EAGAIN) continue;  // nothing lost: try the rest again
-        VarnErrorNo = VARN_E_PIPE_WRITE;
-        return 0;
-      }
-    }
-  }
-  // The error-forwarding thread's own packets are not traced: the trace
-  // line would go back into the error pipe and be forwarded again.
-  if (State().trace && !t_wire_only) {
-    buffer[size] = '\0';
-    varn::core::Diag(">>> quonout ---> %d [%s]\n", g_trace_counter.fetch_add(1), buffer);
-  }
-  return 1;
+  int e = WritePacket(buffer, size);
+  return e == 0 ? 1 : Fail(e);
 }
 
 // Writes on the output channel. The wire lock (the socket write lock) is

@@ -7,27 +7,36 @@
 //   2. the wire lock: held while the bytes of one packet go onto the
 //      channel, so packets of different threads never interleave. It is the
 //      socket write lock, used for pipes as well.
-// The error-forwarding thread takes only the wire lock: its STDERR lines are
-// no part of any exchange, and waiting for the send lock while the
-// application's thread blocks on a full error pipe would deadlock.
+// Threads that send outside any exchange take only the wire lock: the
+// error-forwarding thread (its STDERR lines), and the input thread when it
+// answers a status query. Waiting for the send lock there could deadlock:
+// the application's thread holds it across a whole acknowledgement wait,
+// which the input thread has to feed.
 // The input thread, while it handles an interrupt with the application's
 // thread held, takes only the wire lock too: the held thread may own the
-// send lock, but it never owns the wire lock (it is held only outside a
-// packet write; see platform/thread.h DeferHoldScope).
+// send lock, but it normally never owns the wire lock (a hold is deferred
+// while it writes a packet; see platform/thread.h DeferHoldScope). When the
+// deferral outlasted its bound (a write blocked on a congested channel),
+// the held thread may own the wire lock, and interrupt sends fail with 25
+// instead of waiting for it.
 #ifndef VARN_TRANSPORT_OUTPUT_H_
 #define VARN_TRANSPORT_OUTPUT_H_
+
+#include <cstddef>
 
 namespace varn::transport {
 
 // Marks the calling thread as handling an interrupt (or no longer).
-void SetInterruptContext(bool on);
+// wire_busy: the held thread may own the wire lock.
+void SetInterruptContext(bool on, bool wire_busy = false);
 bool InInterruptContext();
 
 // Makes the calling thread build its packets in a buffer of its own instead
 // of the application thread's shared packet buffer.
 void UsePrivatePacketBuffer();
 
-// Holds the send lock for a scope, unless the thread handles an interrupt.
+// Holds the send lock for a scope, unless the thread handles an interrupt
+// or sends outside exchanges.
 class SendLockGuard {
  public:
   SendLockGuard();
@@ -39,8 +48,31 @@ class SendLockGuard {
   bool locked_;
 };
 
-// Scope that takes only the wire lock (the error-forwarding thread's sends).
-void SetWireOnlyThread();
+// For its lifetime the calling thread sends outside exchanges: only the
+// wire lock is taken, and its packets are not traced.
+class WireOnlyScope {
+ public:
+  WireOnlyScope();
+  ~WireOnlyScope();
+  WireOnlyScope(const WireOnlyScope&) = delete;
+  WireOnlyScope& operator=(const WireOnlyScope&) = delete;
+
+ private:
+  bool previous_;
+};
+
+// Builds and writes one packet, in the calling thread's own buffer when it
+// has one (else a buffer of the call's own, cut to 5800 bytes as the
+// answers of the receive side are). Returns 0 or the error number;
+// VarnErrorNo is not touched, so threads other than the application's can
+// use it.
+int SendPacketQuiet(const char* destination, const char* source, int category, const void* payload,
+                    std::size_t length);
+
+// The same, composed in a 5800-byte buffer of the call's own; a payload
+// that would not fit is cut so that the answer still goes out.
+int SendSmallPacketQuiet(const char* destination, const char* source, int category,
+                         const void* payload, std::size_t length);
 
 }  // namespace varn::transport
 

@@ -8,10 +8,27 @@ PacketChannel::~PacketChannel() {
   for (PacketBody& p : packets_) std::free(p.data);
 }
 
+void PacketChannel::Append(PacketBody packet) {
+  packets_.push_back(packet);
+  bytes_ += packet.length;
+}
+
 void PacketChannel::Push(PacketBody packet) {
   {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (bytes_ > 0 && bytes_ + packet.length > capacity_) {
+      producer_waits_ = true;
+      room_.wait(lock);
+    }
+    Append(packet);
+  }
+  ready_.notify_one();
+}
+
+void PacketChannel::PushLast(PacketBody packet) {
+  {
     std::lock_guard<std::mutex> lock(mutex_);
-    packets_.push_back(packet);
+    Append(packet);
   }
   ready_.notify_one();
 }
@@ -25,17 +42,19 @@ void PacketChannel::Close() {
 }
 
 bool PacketChannel::Take(PacketBody* packet) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  ready_.wait(lock, [this] { return !packets_.empty() || closed_; });
-  if (packets_.empty()) return false;
-  *packet = packets_.front();
-  packets_.pop_front();
+  bool wake_producer = false;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ready_.wait(lock, [this] { return !packets_.empty() || closed_; });
+    if (packets_.empty()) return false;
+    *packet = packets_.front();
+    packets_.pop_front();
+    bytes_ -= packet->length;
+    wake_producer = producer_waits_;
+    producer_waits_ = false;
+  }
+  if (wake_producer) room_.notify_one();
   return true;
-}
-
-std::size_t PacketChannel::Size() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return packets_.size();
 }
 
 }  // namespace varn::transport

@@ -4,6 +4,12 @@
 // while it holds the application's thread still (interrupt handling). No
 // lock: the two never run here at the same time.
 //
+// Messages are kept in arrival order on one list, and each is also chained
+// with the other messages of the same source and category. A wait that
+// takes only its peer's messages (the out-of-band lane) looks at the heads
+// of that peer's chains instead of walking the whole queue, so thousands of
+// messages queued from other peers cost it nothing.
+//
 // A queued message must reach a later wait on its sender. Queueing a
 // message sets VarnSigusr1Caught, and turning the lane on sets it whenever
 // the queue holds something, so the first read of every wait looks into the
@@ -11,9 +17,13 @@
 // in the queue qualifies. Without this, a DONE or a whole stream from one
 // peer that was queued while the process waited on another would never be
 // seen by a later wait on the first peer.
+#include <array>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <unordered_map>
 
 #include "core/library_state.h"
 #include "varn.h"
@@ -26,11 +36,33 @@ struct QueuedMessage {
   char* payload;
   int category;
   size_t length;
+  std::uint64_t sequence;  // arrival order
+  // Arrival order, all messages.
+  QueuedMessage* prev;
   QueuedMessage* next;
+  // Arrival order, messages of the same source and category.
+  QueuedMessage* chain_next;
+};
+
+struct Chain {
+  QueuedMessage* head = nullptr;
+  QueuedMessage* tail = nullptr;
+};
+
+// The chains of one source, one per category, and how many messages they
+// hold together (the entry is dropped when that reaches 0).
+struct SourceChains {
+  std::array<Chain, VARN_CATEGORY_COUNT> by_category;
+  std::size_t count = 0;
 };
 
 QueuedMessage* g_head = nullptr;
 QueuedMessage* g_tail = nullptr;
+std::uint64_t g_next_sequence = 0;
+// Messages with a source, by source. Messages without a source are only on
+// the arrival list: no lane ever lets them through.
+std::unordered_map<std::string, SourceChains>* g_by_source = nullptr;
+
 // Strings of the message handed out last; freed at the next take or flush.
 char* g_last_source = nullptr;
 char* g_last_destination = nullptr;
@@ -47,6 +79,60 @@ bool AnyCategorySet(const int* set) {
     if (set[i] == 1) return true;
   }
   return false;
+}
+
+int ChainIndex(int category) {
+  return category >= 0 && category < VARN_CATEGORY_COUNT ? category : 0;
+}
+
+std::unordered_map<std::string, SourceChains>& BySource() {
+  if (g_by_source == nullptr) g_by_source = new std::unordered_map<std::string, SourceChains>();
+  return *g_by_source;
+}
+
+void Link(QueuedMessage* m) {
+  m->prev = g_tail;
+  m->next = nullptr;
+  if (g_tail != nullptr) {
+    g_tail->next = m;
+  } else {
+    g_head = m;
+  }
+  g_tail = m;
+  m->chain_next = nullptr;
+  if (m->source == nullptr) return;
+  SourceChains& chains = BySource()[m->source];
+  Chain& chain = chains.by_category[ChainIndex(m->category)];
+  if (chain.tail != nullptr) {
+    chain.tail->chain_next = m;
+  } else {
+    chain.head = m;
+  }
+  chain.tail = m;
+  ++chains.count;
+}
+
+// Removes m from both orders. A message only ever leaves its chain from
+// the front: it is the oldest of its source and category still queued,
+// because every take hands out the oldest message it may.
+void Unlink(QueuedMessage* m) {
+  if (m->prev != nullptr) {
+    m->prev->next = m->next;
+  } else {
+    g_head = m->next;
+  }
+  if (m->next != nullptr) {
+    m->next->prev = m->prev;
+  } else {
+    g_tail = m->prev;
+  }
+  if (m->source == nullptr || g_by_source == nullptr) return;
+  auto it = g_by_source->find(m->source);
+  if (it == g_by_source->end()) return;
+  Chain& chain = it->second.by_category[ChainIndex(m->category)];
+  chain.head = m->chain_next;
+  if (chain.head == nullptr) chain.tail = nullptr;
+  if (--it->second.count == 0) g_by_source->erase(it);
 }
 
 void FreeLastHandedOut() {
@@ -66,20 +152,42 @@ void HandOut(QueuedMessage* m, char** source, char** destination, char** payload
   *length = m->length;
 }
 
-// Whether the lane lets a queued message through. The row lookup inside
-// reports 32 for an unknown source; walking the queue must not leave that
-// behind for the wait that asked.
-bool Qualifies(const char* source, int category) {
+// The oldest queued message that the lane lets through, or null. The lane
+// lets a message through when its source's row (the first row in use with
+// that address) is the lane's row; so only the messages whose source is
+// that row's address can qualify.
+QueuedMessage* OldestForLane() {
+  int h = g_outband_channel;
+  if (h < 0 || h >= VARN_MAX_ENTRIES || g_by_source == nullptr) return nullptr;
+  const VarnEntry& row = VarnMessage[h];
+  if (row.state == ENTRY_FREE || row.address == nullptr) return nullptr;
   int saved = VarnErrorNo;
-  bool ok = varn_queue_is_outband_chan(source, category) != 0;
+  int first = varnP_find_entry_exact(row.address, 1);
   VarnErrorNo = saved;
-  return ok;
+  if (first != h) return nullptr;
+  auto it = g_by_source->find(row.address);
+  if (it == g_by_source->end()) return nullptr;
+  bool filtered = AnyCategorySet(g_outband_categories);
+  QueuedMessage* oldest = nullptr;
+  for (int c = 0; c < VARN_CATEGORY_COUNT; ++c) {
+    if (filtered && g_outband_categories[c] != 1) continue;
+    QueuedMessage* m = it->second.by_category[c].head;
+    if (m != nullptr && (oldest == nullptr || m->sequence < oldest->sequence)) oldest = m;
+  }
+  return oldest;
+}
+
+void FreeMessage(QueuedMessage* m) {
+  std::free(m->source);
+  std::free(m->destination);
+  std::free(m->payload);
+  std::free(m);
 }
 
 }  // namespace
 
 extern "C" int varn_queue_init(void) noexcept {
-  g_head = g_tail = nullptr;
+  varn_queue_flush_queue();
   std::free(g_outband_categories);
   g_outband_categories = static_cast<int*>(std::calloc(VARN_CATEGORY_COUNT, sizeof(int)));
   return g_outband_categories != nullptr;
@@ -105,10 +213,7 @@ extern "C" int varn_queue_put_msg(const char* source, const char* destination, c
   m->destination = CopyText(destination);
   m->payload = static_cast<char*>(std::malloc(length + 1));
   if ((source && !m->source) || (destination && !m->destination) || !m->payload) {
-    std::free(m->source);
-    std::free(m->destination);
-    std::free(m->payload);
-    std::free(m);
+    FreeMessage(m);
     VarnErrorNo = VARN_E_MALLOC;
     varn_util_release_sigusr1(1);
     return 0;
@@ -129,13 +234,8 @@ extern "C" int varn_queue_put_msg(const char* source, const char* destination, c
   }
   m->category = category;
   m->length = length;
-  m->next = nullptr;
-  if (g_tail != nullptr) {
-    g_tail->next = m;
-  } else {
-    g_head = m;
-  }
-  g_tail = m;
+  m->sequence = g_next_sequence++;
+  Link(m);
   VarnSigusr1Caught = 1;
   varn_queueMsgCount(1);
   varn_post_quonin_msg();
@@ -149,8 +249,7 @@ extern "C" int varn_queue_get_msg(char** source, char** destination, char** payl
   varn_util_hold_sigusr1(1);
   QueuedMessage* m = g_head;
   HandOut(m, source, destination, payload, category, length);
-  g_head = m->next;
-  if (g_head == nullptr) g_tail = nullptr;
+  Unlink(m);
   std::free(m);
   varn_queueMsgCount(-1);
   varn_util_release_sigusr1(1);
@@ -160,24 +259,14 @@ extern "C" int varn_queue_get_msg(char** source, char** destination, char** payl
 extern "C" int varn_queue_get_outband_msg(char** source, char** destination, char** payload,
                                           int* category, size_t* length) noexcept {
   if (VarnSigusr1Caught == 0) return 0;
-  QueuedMessage* prev = nullptr;
-  QueuedMessage* m = g_head;
-  while (m != nullptr && !Qualifies(m->source, m->category)) {
-    prev = m;
-    m = m->next;
-  }
+  QueuedMessage* m = OldestForLane();
   if (m == nullptr) {
     VarnSigusr1Caught = 0;
     return 0;
   }
   varn_util_hold_sigusr1(1);
   HandOut(m, source, destination, payload, category, length);
-  if (prev == nullptr) {
-    g_head = m->next;
-  } else {
-    prev->next = m->next;
-  }
-  if (g_tail == m) g_tail = prev;
+  Unlink(m);
   std::free(m);
   varn_queueMsgCount(-1);
   varn_util_release_sigusr1(1);
@@ -191,12 +280,10 @@ extern "C" int varn_queue_flush_queue(void) noexcept {
   while (g_head != nullptr) {
     QueuedMessage* m = g_head;
     g_head = m->next;
-    std::free(m->source);
-    std::free(m->destination);
-    std::free(m->payload);
-    std::free(m);
+    FreeMessage(m);
   }
   g_tail = nullptr;
+  if (g_by_source != nullptr) g_by_source->clear();
   FreeLastHandedOut();
   varn_util_release_sigusr1(1);
   return 1;

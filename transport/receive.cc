@@ -11,6 +11,7 @@
 
 #include "core/diag.h"
 #include "core/library_state.h"
+#include "core/status.h"
 #include "process/enable.h"
 #include "services/debug_mode.h"
 #include "transport/stream_buffer.h"
@@ -83,10 +84,17 @@ int Store(int h, const char* destination, const char* source, int category, cons
                       VarnMessage[h].send_stream, length);
 }
 
+// Stores a KILL, INTR or SRVR_ERR text in the signal buffer. A text that
+// does not fit is refused, unless `cut` says to keep its first 1023 bytes:
+// an exit notice must end the row whatever its length, or every wait and
+// kill on that peer would wait for a notice that was already dropped.
 int StoreInterrupt(int h, int category, const char* payload, uint32_t recv_stream,
-                   uint32_t send_stream, size_t length) {
+                   uint32_t send_stream, size_t length, bool cut = false) {
   if (!varn::core::ValidHandle(h)) return 0;
-  if (length > sizeof g_signal_buffer - 1) return 0;
+  if (length > sizeof g_signal_buffer - 1) {
+    if (!cut) return 0;
+    length = sizeof g_signal_buffer - 1;
+  }
   if (length > 0 && payload != nullptr) std::memcpy(g_signal_buffer, payload, length);
   g_signal_buffer[payload != nullptr ? length : 0] = '\0';
   VarnEntry& row = VarnMessage[h];
@@ -105,13 +113,7 @@ const char* Bare(const char* address) {
 
 void AnswerStatusQuery(const char* source, const char* destination) {
   char text[VARN_STATUS_TEXT_SIZE];
-  const char* word = varn::core::StatusWord(VarnStatus);
-  if (word == nullptr) word = "IDLE";
-  if (State().status_text[0] != '\0') {
-    std::snprintf(text, sizeof text, "%s %s", word, State().status_text);
-  } else {
-    std::snprintf(text, sizeof text, "%s", word);
-  }
+  varn::core::StatusAnswer(text, sizeof text);
   varn_send_packet_signal(source, destination, VARN_STATUS, text, 0);
 }
 
@@ -155,14 +157,15 @@ int HandleSrvrErr(const char* source, const char* payload, size_t length) {
     }
   }
   if (h < 0) return 1;
-  if (!StoreInterrupt(h, VARN_SRVR_ERR, payload, 0, 0, length)) return 1;
+  if (!StoreInterrupt(h, VARN_SRVR_ERR, payload, 0, 0, length, true)) return 1;
   VarnEntry& row = VarnMessage[h];
   if (row.keep_entry == 0) {
+    int64_t kept = row.last_data_len;
     varnP_deinit_entry(h);
     row.last_category = VARN_SRVR_ERR;
     // The exit text stays readable (from the signal buffer) for the wait
     // or callback that takes this notice.
-    row.last_data_len = static_cast<int64_t>(length);
+    row.last_data_len = kept;
   } else if (row.state != ENTRY_DISABLED) {
     row.state = ENTRY_EXITED;
   }
@@ -182,12 +185,33 @@ int Split(char* body, size_t length, char** destination, char** source, int* cat
                                  payload_length);
 }
 
+// Answers of the hub to requests of this process. They are filed into the
+// waiting reply row, never queued: a request made while a wait is on (from
+// a callback, say) must see its answer.
+bool IsHubAnswer(int category) {
+  switch (category) {
+    case VARN_FACK:
+    case VARN_FNAK:
+    case VARN_QUERYP:
+    case VARN_AACK:
+    case VARN_ANAK:
+    case VARN_DNAK:
+    case VARN_EACK:
+    case VARN_ENAK:
+    case VARN_EDONE:
+    case VARN_EERROR:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // Whether a new message must be parsed at once while the lane is on:
-// interrupts, the hub's loss, and what the lane lets through. The lookup's
-// error for an unknown source is not left behind.
+// interrupts, the hub's loss and its answers, and what the lane lets
+// through. The lookup's error for an unknown source is not left behind.
 bool ParsedAtOnce(const char* source, int category) {
   if (category == VARN_INTR) return true;
-  if (category == VARN_SRVR_ERR && IsQuon(source)) return true;
+  if (IsQuon(source) && (category == VARN_SRVR_ERR || IsHubAnswer(category))) return true;
   int saved = VarnErrorNo;
   bool through = varn_queue_is_outband_chan(source, category) != 0;
   VarnErrorNo = saved;
@@ -532,8 +556,10 @@ extern "C" int varn_receive_read_data(varnHandle h, int* category, char* buffer,
       return 1;
     }
     if (last == VARN_SRVR_ERR) {
+      // The peer ended in the middle of its stream.
       if (lane) varn_queue_reset_outband();
       *category = VARN_SRVR_ERR;
+      VarnErrorNo = VARN_E_CLOSED;
       return 0;
     }
   }

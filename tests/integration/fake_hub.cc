@@ -65,7 +65,7 @@ bool FakeHub::Start(const std::string& mode, const Options& options) {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sock) != 0) return false;
     to_child_ = from_child_ = -1;
     to_child_ = sock[0];
-    from_child_ = dup(sock[0]);
+    from_child_ = fcntl(sock[0], F_DUPFD_CLOEXEC, 0);
     child_sock = sock[1];
   } else {
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return false;
@@ -99,6 +99,7 @@ bool FakeHub::Start(const std::string& mode, const Options& options) {
   if (pid_ < 0) return false;
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (options.close_stderr) close(2);
     for (int fd : {child_in, child_out, child_sock, rep[1]}) {
       if (fd >= 0) fcntl(fd, F_SETFD, 0);
     }
@@ -223,6 +224,42 @@ void FakeHub::CloseInput() {
     close(to_child_);
     to_child_ = -1;
   }
+}
+
+void FakeHub::CloseChannel() {
+  CloseInput();
+  if (from_child_ >= 0) {
+    close(from_child_);
+    from_child_ = -1;
+  }
+}
+
+std::size_t FakeHub::Flood(const std::string& packet, std::size_t max_bytes, int stall_ms) {
+  std::size_t total = 0;
+  std::size_t offset = 0;  // into the packet being written
+  int flags = fcntl(to_child_, F_GETFL);
+  fcntl(to_child_, F_SETFL, flags | O_NONBLOCK);
+  while (total + packet.size() <= max_bytes || offset > 0) {
+    ssize_t n = write(to_child_, packet.data() + offset, packet.size() - offset);
+    if (n > 0) {
+      offset += static_cast<std::size_t>(n);
+      if (offset == packet.size()) {
+        total += packet.size();
+        offset = 0;
+      }
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno != EAGAIN) break;
+    pollfd p{to_child_, POLLOUT, 0};
+    if (poll(&p, 1, stall_ms) == 0) {
+      // The program stopped taking input. A packet begun is finished (its
+      // reader is inside it), within the same bound.
+      if (offset == 0 || poll(&p, 1, stall_ms) == 0) break;
+    }
+  }
+  fcntl(to_child_, F_SETFL, flags);
+  return total;
 }
 
 int FakeHub::WaitExit(int timeout_ms) {

@@ -25,6 +25,7 @@ class FakeHub {
     std::vector<std::string> extra;  // further arguments before the mode
     std::vector<std::string> tail;   // arguments after the mode
     std::vector<std::string> env;    // NAME=value added to the environment
+    bool close_stderr = false;       // start the program without descriptor 2
   };
 
   FakeHub() = default;
@@ -50,6 +51,12 @@ class FakeHub {
   std::string ReportStarting(const std::string& prefix, int timeout_ms = 10000);
   // Closes the program's input channel (the hub goes away).
   void CloseInput();
+  // Closes both directions: the program's writes fail from now on.
+  void CloseChannel();
+  // Writes `packet` again and again without blocking, up to max_bytes in
+  // all; stops early once the program has taken nothing for stall_ms.
+  // Returns the bytes written (whole packets only).
+  std::size_t Flood(const std::string& packet, std::size_t max_bytes, int stall_ms);
   // Waits for the program to end; its exit status, or -1 on timeout
   // (then it is killed), or 128 + signal.
   int WaitExit(int timeout_ms = 10000);

@@ -3,6 +3,9 @@
 // options) and writes what it sees, one line per event, to the descriptor
 // given with "-report N".
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
@@ -132,6 +135,24 @@ void ReportStream(int h) {
     }
     Report("record %u %.*s", length, static_cast<int>(length), buffer);
   }
+}
+
+// INTR callback that asks the hub for its process list: a request made
+// while the application's wait is on.
+void RequestingCallback(int h) {
+  if (h < 0 || VarnMessage[h].last_category != VARN_INTR) return;
+  char* list = nullptr;
+  int r = varn_query_pg_process(&list);
+  Report("callback list %d text=%s", r, r && list ? list : "-");
+}
+
+void ReportErrorAtExit() { Report("at exit err=%d", VarnErrorNo); }
+
+// The size of a batch packet's header to S1, as the library builds it.
+std::size_t BatchHeader() {
+  char own[256];
+  varn_query_own_address(own);
+  return 6 + std::strlen("S1@h") + 1 + std::strlen(own) + 1 + std::strlen("DATA") + 1;
 }
 
 int Scenario(const std::string& mode, int argc, char** argv) {
@@ -461,6 +482,128 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     ReportWait(h);
     varn_kill(h);
     return 0;
+  }
+  if (mode == "long-exit") {  // S1's exit notice is longer than the signal buffer
+    int h = Connect("srv", "S1@h");
+    Report("ready");
+    uint32_t category = 0, length = 0;
+    static char buffer[4096];
+    int r = varn_wait(h, &category, buffer, &length, 0, 1);
+    Report("wait %d err=%d cat=%s len=%u text=%.8s state=%u", r, VarnErrorNo, Word(category),
+           length, buffer, VarnMessage[h].state);
+    r = varn_kill(h);
+    Report("kill %d err=%d", r, VarnErrorNo);
+    return 0;
+  }
+  if (mode == "stall") {  // does not read until SIGUSR1, then counts what S1 sent
+    int h = Connect("srv", "S1@h");
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+    Report("ready");
+    int signo = 0;
+    sigwait(&usr1, &signo);
+    long count = 0;
+    for (;;) {
+      uint32_t category = 0, length = 0;
+      static char buffer[70000];
+      if (!varn_wait(h, &category, buffer, &length, 0, 1)) break;
+      if (category != VARN_DATA) {
+        Report("got %ld then %s %s", count, Word(category), buffer);
+        break;
+      }
+      ++count;
+    }
+    return 0;
+  }
+  if (mode == "queued-many") {  // round trips with S1 while S2's messages wait in the queue
+    int s1 = Connect("one", "S1@h");
+    Connect("two", "S2@h");
+    int rounds = std::atoi(argv[argc - 1]);
+    for (int i = 0; i < rounds; ++i) {
+      if (!varn_send_msg(s1, VARN_CMD, "ping", 0)) {
+        Report("send failed err=%d", VarnErrorNo);
+        return 0;
+      }
+      uint32_t category = 0, length = 0;
+      char buffer[64];
+      if (!varn_wait(s1, &category, buffer, &length, 0, 1)) {
+        Report("wait failed err=%d", VarnErrorNo);
+        return 0;
+      }
+    }
+    Report("rounds %d queued=%d", rounds, varn_queue_has_msg());
+    return 0;
+  }
+  if (mode == "intr-request") {  // an INTR callback asks the hub something during a wait
+    varn_set_callback(RequestingCallback);
+    int h = Connect("srv", "S1@h");
+    Connect("interrupter", "I@h");
+    Report("ready");
+    ReportWait(h);
+    return 0;
+  }
+  if (mode == "batch-edge") {  // records whose batch would reach the size limit once padded
+    int h = Connect("srv", "S1@h");
+    Report("begin %d", varn_send_msg(h, VARN_BEGIN, "edge", 0));
+    std::size_t header = BatchHeader();
+    // Alone, this record makes a packet of 999485 bytes, 999488 with padding.
+    std::string too_big(999485 - header - 6, 'a');
+    int r = varn_send_msg(h, VARN_DATA, too_big.data(), static_cast<int64_t>(too_big.size()));
+    Report("alone %d err=%d", r, VarnErrorNo);
+    // Three bytes less fits: 999482 bytes, 999484 with padding.
+    std::string fits(too_big.size() - 3, 'b');
+    r = varn_send_msg(h, VARN_DATA, fits.data(), static_cast<int64_t>(fits.size()));
+    Report("fits %d err=%d", r, VarnErrorNo);
+    // A small record, then one that would take the batch to the limit
+    // once padded: the batch goes out first.
+    r = varn_send_msg(h, VARN_DATA, "0123456789", 10);
+    std::string second(999485 - header - 6 - 16, 'c');
+    int r2 = varn_send_msg(h, VARN_DATA, second.data(), static_cast<int64_t>(second.size()));
+    Report("pair %d %d err=%d", r, r2, VarnErrorNo);
+    Report("end %d", varn_send_msg(h, VARN_END, nullptr, 0));
+    return 0;
+  }
+  if (mode == "stderr-burst") {  // many error lines, then the end at once
+    for (int i = 0; i < 200; ++i) std::fprintf(stderr, "burst line %d\n", i);
+    return 0;
+  }
+  if (mode == "stderr-after-loss") {  // error output after the hub is gone
+    std::atexit(ReportErrorAtExit);
+    int h = Connect("srv", "S1@h");
+    Report("ready");
+    ReportWait(h);
+    for (int i = 0; i < 20; ++i) std::fprintf(stderr, "after loss %d\n", i);
+    // The error-forwarding thread tries to send these and fails: for half a
+    // second, 43 must stay what the application's thread sees.
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    while (VarnErrorNo == VARN_E_DAEMON_GONE && std::chrono::steady_clock::now() < until) {
+    }
+    Report("after lines err=%d", VarnErrorNo);
+    return 0;
+  }
+  if (mode == "sleeper") {  // asleep in its own code while its status is asked
+    varn_set_status(VARN_STATUS_BUSY, "thinking");
+    Report("ready");
+    timespec t{1, 500000000};
+    int r = nanosleep(&t, &t);
+    Report("slept rc=%d", r);
+    return 0;
+  }
+  if (mode == "flood-out") {  // keeps sending to S1, which never reads
+    varn_set_callback(Callback);
+    int h = Connect("srv", "S1@h");
+    Connect("interrupter", "I@h");
+    Report("ready");
+    std::string record(4096, 'x');
+    for (;;) varn_send_msg(h, VARN_DATA, record.data(), static_cast<int64_t>(record.size()));
+  }
+  if (mode == "kill-flush") {  // buffered file output, then busy until KILL
+    std::FILE* f = std::fopen(argv[argc - 1], "w");
+    std::fprintf(f, "written before the kill\n");
+    Report("ready");
+    for (;;) g_counter.fetch_add(1);
   }
   Report("unknown mode %s", mode.c_str());
   return 2;

@@ -114,6 +114,31 @@ TEST(ThroughHubTest, DisabledNameSwallowsSendsAndStartsOnEnable) {
       << report;
 }
 
+TEST(ThroughHubTest, ErrorLinesWrittenJustBeforeTheEndReachTheLogInSocketMode) {
+  std::string log = ::testing::TempDir() + "/burst_log_" + std::to_string(getpid()) + ".txt";
+  std::remove(log.c_str());
+  RunResult r =
+      RunProgram({VARN_QUON_PATH, "--sockets", "--log", log, VARN_PEER_PATH, "stderr-burst"}, "");
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::ifstream in(log);
+  std::string line;
+  int lines = 0;
+  bool ended = false;
+  int after_end = 0;
+  while (std::getline(in, line)) {
+    if (line.find("]: burst line ") != std::string::npos) {
+      ++lines;
+      if (ended) ++after_end;
+    }
+    if (line.find(" ended: ") != std::string::npos) ended = true;
+  }
+  // Every line arrives, and before the exit notice.
+  EXPECT_EQ(lines, 200);
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(after_end, 0);
+  std::remove(log.c_str());
+}
+
 TEST(ThroughHubTest, DemoConversation) {
   RunResult r = RunProgram({VARN_QUON_PATH, "--path", Dir(VARN_SWEEP_SERVER_PATH),
                             Dir(VARN_SWEEP_SERVER_PATH) + "/demo_client"},

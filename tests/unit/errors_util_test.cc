@@ -8,6 +8,7 @@
 #include <string>
 
 #include "core/library_state.h"
+#include "core/status.h"
 #include "host/support.h"
 #include "varn.h"
 
