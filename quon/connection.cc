@@ -1,8 +1,11 @@
 #include "quon/connection.h"
 
 #include <cerrno>
+#include <string_view>
+#include <utility>
 
 #include "platform/io.h"
+#include "quon/log.h"
 
 namespace varn::quon {
 namespace {
@@ -13,11 +16,22 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 constexpr std::size_t kReadBudget = 256 * 1024;
 constexpr std::size_t kReadEverything = static_cast<std::size_t>(-1);
 
+// The client's address, or "!" and one more character before it.
+bool IsOwnSource(std::string_view source, std::string_view address) {
+  if (source.size() == address.size() + 2 && source[0] == '!') source.remove_prefix(2);
+  return source == address;
+}
+
 }  // namespace
 
-Connection::Connection(platform::EventLoop& loop, int read_fd, int write_fd, Listener* listener,
-                       QueueLimits limits)
-    : loop_(loop), read_fd_(read_fd), write_fd_(write_fd), listener_(listener), limits_(limits) {}
+Connection::Connection(platform::EventLoop& loop, int read_fd, int write_fd, std::string address,
+                       Listener* listener, QueueLimits limits)
+    : loop_(loop),
+      read_fd_(read_fd),
+      write_fd_(write_fd),
+      address_(std::move(address)),
+      listener_(listener),
+      limits_(limits) {}
 
 Connection::~Connection() { Close(); }
 
@@ -156,6 +170,10 @@ void Connection::HandleBuffered(bool ignore_pause) {
     std::string reason;
     PacketFramer::Result r = framer_.Next(&packet, &reason);
     if (r == PacketFramer::Result::kNeedMore) break;
+    if (r == PacketFramer::Result::kPacket && !IsOwnSource(packet.header.source, address_)) {
+      reason = "source \"" + Printable(packet.header.source, 64) + "\" is not the sender's address";
+      r = PacketFramer::Result::kBad;
+    }
     if (r == PacketFramer::Result::kBad) {
       listener_->OnBadPacket(reason, ++bad_in_row_);
       continue;

@@ -6,6 +6,12 @@
 // it queues outgoing packets and writes them as the client takes them, so
 // that a slow client never blocks the hub.
 //
+// A packet reaches the listener only when its source is the client's own
+// address, or that address behind a two-character prefix starting with "!"
+// (the form a client answers from when a peer addressed it so). Anything
+// else would let a client speak as the hub or as another client; it is
+// reported as a bad packet like malformed input.
+//
 // Flow control: once more than `high_water` bytes wait for the client it is
 // congested; when its queue falls to `low_water` the listener hears
 // OnDrained. The listener pauses the senders that feed a congested client by
@@ -46,9 +52,10 @@ class Connection {
     virtual void OnDrained() = 0;
   };
 
-  // Takes ownership of the descriptors (equal for a socket).
-  Connection(platform::EventLoop& loop, int read_fd, int write_fd, Listener* listener,
-             QueueLimits limits);
+  // Takes ownership of the descriptors (equal for a socket). `address` is
+  // the client's own address.
+  Connection(platform::EventLoop& loop, int read_fd, int write_fd, std::string address,
+             Listener* listener, QueueLimits limits);
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -86,6 +93,7 @@ class Connection {
   platform::EventLoop& loop_;
   int read_fd_;
   int write_fd_;
+  std::string address_;
   Listener* listener_;
   QueueLimits limits_;
   PacketFramer framer_;

@@ -14,6 +14,7 @@ namespace {
 FileReply Ack(std::string payload = {}) { return {wire::kFack, std::move(payload)}; }
 FileReply Nak(std::string reason) { return {wire::kFnak, std::move(reason)}; }
 
+// EXDEV is what the confined lookup reports for every way out of the root.
 FileReply NakErrno(int error) {
   if (error == EXDEV) return Nak("outside the files root");
   return Nak(platform::ErrorText(error));
@@ -86,11 +87,10 @@ FileReply FileTable::Open(std::string_view text) {
     return Nak("bad file mode");
   }
   if (files_.size() >= kMaxOpenFiles) return Nak("too many open files");
-  std::string path;
   int error = 0;
-  if (!platform::ResolveUnderRoot(root_, name, false, &path, &error)) return NakErrno(error);
-  auto file = platform::File::Open(path, mode, &error);
-  if (!file) return NakErrno(error);
+  auto file = root_.OpenFile(name, mode, &error);
+  // ENXIO: a FIFO, socket or device, which the hub does not serve.
+  if (!file) return error == ENXIO ? Nak("not a regular file") : NakErrno(error);
   long number = next_number_++;
   files_[number] = std::move(file);
   return Ack(std::to_string(number));
@@ -179,18 +179,14 @@ FileReply FileTable::OnFile(int category, std::string_view text) {
 }
 
 FileReply FileTable::OnPath(int category, std::string_view text) {
-  std::string path;
+  std::string path(text);
   int error = 0;
-  bool unlink = category == wire::kFunlink;
-  if (!platform::ResolveUnderRoot(root_, std::string(text), unlink, &path, &error)) {
-    return NakErrno(error);
-  }
-  if (unlink) {
-    if (!platform::RemoveFile(path, &error)) return NakErrno(error);
+  if (category == wire::kFunlink) {
+    if (!root_.Remove(path, &error)) return NakErrno(error);
     return Ack();
   }
   int kind = 0;
-  if (!platform::FileKindOf(path, &kind, &error)) return NakErrno(error);
+  if (!root_.KindOf(path, &kind, &error)) return NakErrno(error);
   return Ack(std::to_string(kind));
 }
 

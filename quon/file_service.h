@@ -2,7 +2,8 @@
 //
 // Each client has its own table of open files, numbered from 1 in the order
 // they were opened; numbers are not reused while the client lives. Paths
-// are resolved under the files root and refused when they lead outside it.
+// are opened beneath the files root by the kernel (platform::FilesRoot),
+// which refuses every way outside it.
 // Every request gets exactly one answer: FACK with the result, or FNAK with
 // a short reason ("0" for a read at the end of a file).
 #ifndef VARN_QUON_FILE_SERVICE_H_
@@ -28,8 +29,8 @@ class FileTable {
   // The most bytes one FREAD answers with.
   static constexpr std::size_t kMaxRead = 512 * 1024;
 
-  // root must be canonical and outlive the table.
-  explicit FileTable(const std::string& root) : root_(root) {}
+  // root must be open and outlive the table.
+  explicit FileTable(const platform::FilesRoot& root) : root_(root) {}
 
   // payload is the request's payload as received (padding included).
   FileReply Handle(int category, std::string_view payload);
@@ -44,7 +45,7 @@ class FileTable {
   FileReply OnFile(int category, std::string_view text);
   FileReply OnPath(int category, std::string_view text);
 
-  const std::string& root_;
+  const platform::FilesRoot& root_;
   std::map<long, std::unique_ptr<platform::File>> files_;
   long next_number_ = 1;
 };

@@ -5,7 +5,10 @@
 // forwarded unchanged (a destination with a two-character "!" prefix is
 // looked up without it); one for "quon" is a request to the hub; one for
 // any other address is answered with SRVR_ERR from that address, unless it
-// is itself an answer. Everything runs on the event loop's thread.
+// is itself an answer. Only packets that carry their sender's own address
+// as source get this far: the channel drops the rest as bad input
+// (Connection), so no client can speak as the hub or as another client.
+// Everything runs on the event loop's thread.
 #ifndef VARN_QUON_HUB_H_
 #define VARN_QUON_HUB_H_
 
@@ -17,6 +20,7 @@
 #include <vector>
 
 #include "platform/event_loop.h"
+#include "platform/files.h"
 #include "platform/spawn.h"
 #include "quon/client.h"
 #include "quon/log.h"
@@ -27,7 +31,7 @@ namespace varn::quon {
 struct HubConfig {
   std::vector<std::string> extra_path;  // searched before PATH
   bool sockets = false;                 // socketpair instead of two pipes
-  std::string files_root;               // canonical directory
+  platform::FilesRoot files_root;       // open once, shared by every client's FileTable
   QueueLimits limits;
   int grace_ms = 3000;   // wait for exit notices after KILL before SIGKILL
   int child_stderr = 2;  // descriptor that becomes the clients' fd 2

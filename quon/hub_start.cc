@@ -172,8 +172,8 @@ Client* Hub::StartClient(ClientKind kind, const std::string& program,
   Client& c = *client;
   if (kind == ClientKind::kProtocol) {
     c.listener = std::make_unique<ClientChannel>(*this, c);
-    c.connection =
-        std::make_unique<Connection>(loop_, hub_read, hub_write, c.listener.get(), config_.limits);
+    c.connection = std::make_unique<Connection>(loop_, hub_read, hub_write, c.address,
+                                                c.listener.get(), config_.limits);
     c.files = std::make_unique<FileTable>(config_.files_root);
     c.connection->Start();
   } else {

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "platform/event_loop.h"
 #include "platform/files.h"
@@ -48,10 +49,12 @@ int Run(int argc, char** argv) {
   quon::Log log(log_fd, log_fd != platform::kStderr);
   log.set_trace(options.trace);
 
-  std::string root =
-      platform::CanonicalDirectory(options.files_root.empty() ? "." : options.files_root);
-  if (root.empty()) {
-    log.Note("files root " + options.files_root + " is not a directory");
+  // Opened once: every client's file requests are resolved beneath it.
+  std::string root_dir = options.files_root.empty() ? "." : options.files_root;
+  platform::FilesRoot root;
+  int root_error = 0;
+  if (!root.Open(root_dir, &root_error)) {
+    log.Note("cannot serve files from " + root_dir + ": " + platform::ErrorText(root_error));
     return 2;
   }
 
@@ -64,12 +67,12 @@ int Run(int argc, char** argv) {
   quon::HubConfig config;
   config.extra_path = options.path;
   config.sockets = options.sockets;
-  config.files_root = root;
+  config.files_root = std::move(root);
   config.limits.high_water = options.queue_limit;
   config.limits.low_water = options.queue_limit / 2;
   config.grace_ms = options.grace_ms;
   config.child_stderr = log_fd;
-  quon::Hub hub(loop, log, config);
+  quon::Hub hub(loop, log, std::move(config));
   if (!hub.Init(&error)) {
     log.Note(error);
     return 1;

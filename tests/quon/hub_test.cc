@@ -1,11 +1,16 @@
 // The hub as its clients see it: real quon, real pipes and sockets, and
 // the bytes that come back.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
 
 #include "platform/spawn.h"
 #include "tests/quon/hub_session.h"
@@ -30,6 +35,20 @@ std::string Frame(std::string body) {
   char len[8];
   std::snprintf(len, sizeof len, "%06zu", body.size());
   return len + body;
+}
+
+// One request to the hub and its answer as "WORD payload".
+std::string Ask(HubSession& s, const std::string& word, const std::string& payload) {
+  RawPacket p;
+  if (!s.Send("quon", word, payload)) return "not sent";
+  auto r = s.Next(&p);
+  if (!r) return r.message();
+  return p.word + " " + p.payload;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 class QuonHubTest : public ::testing::TestWithParam<bool> {
@@ -186,6 +205,168 @@ TEST_P(QuonHubTest, ServesFilesUnderTheRootOnly) {
   EXPECT_EQ(s.HubFds(), fds_before);
   EXPECT_EQ(s.Finish(), 0);
   fs::remove_all(root);
+}
+
+TEST(QuonHubFileTest, RefusesWhatIsNotARegularFileWithoutWaitingForIt) {
+  std::string root = TempDir("fifo");
+  ASSERT_EQ(mkfifo((root + "/queue").c_str(), 0600), 0);
+  fs::create_directory(root + "/folder");
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({"--files-root", root})));
+  ASSERT_EQ(Ask(s, "CMD", "list").substr(0, 6), "EDONE ");  // settled
+  std::vector<std::string> fds_before = s.HubFds();
+
+  // Nobody has the FIFO open: a blocking open would wait for ever, in
+  // every mode, and the hub with it.
+  for (const char* mode : {"READ TEXT", "WRITE TEXT", "APPEND BINARY"}) {
+    ASSERT_EQ(Ask(s, "FOPEN", std::string("queue ") + mode), "FNAK not a regular file") << mode;
+  }
+  EXPECT_EQ(Ask(s, "FOPEN", "folder READ TEXT"), "FNAK Is a directory");
+  EXPECT_EQ(Ask(s, "FOPEN", "folder WRITE TEXT"), "FNAK Is a directory");
+  EXPECT_EQ(Ask(s, "FSTAT", "queue"), "FACK 0");
+  // Still serving, and nothing of the refused opens stays open.
+  EXPECT_EQ(Ask(s, "FOPEN", "plain WRITE TEXT"), "FACK 1");
+  EXPECT_EQ(Ask(s, "FCLOSE", "1"), "FACK ");
+  EXPECT_EQ(s.HubFds(), fds_before);
+  EXPECT_EQ(s.Finish(), 0);
+  fs::remove_all(root);
+}
+
+// Links and paths that lead out of the root, next to ones that stay inside.
+class QuonHubConfineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = TempDir("confine");
+    // Starts with the root's own path: only a textual check would let it in.
+    outside_ = root_ + "-out";
+    fs::remove_all(outside_);
+    fs::create_directories(outside_);
+    std::ofstream(outside_ + "/secret") << "secret";
+    std::ofstream(root_ + "/data") << "inside";
+    fs::create_directory(root_ + "/sub");
+    std::string out_name = fs::path(outside_).filename().string();
+    fs::create_symlink(outside_ + "/made-abs", root_ + "/dangling");
+    fs::create_symlink("../" + out_name + "/made-rel", root_ + "/dangling-rel");
+    fs::create_directory_symlink(outside_, root_ + "/door");
+    fs::create_directory_symlink("../" + out_name, root_ + "/door-rel");
+    fs::create_symlink("sub/new", root_ + "/inner");
+    fs::create_symlink("../data", root_ + "/sub/up");
+    fs::create_symlink("loop-b", root_ + "/loop-a");
+    fs::create_symlink("loop-a", root_ + "/loop-b");
+  }
+  void TearDown() override {
+    fs::remove_all(root_);
+    fs::remove_all(outside_);
+  }
+  std::vector<std::string> OutsideEntries() const {
+    std::vector<std::string> names;
+    for (const auto& e : fs::directory_iterator(outside_)) {
+      names.push_back(e.path().filename().string());
+    }
+    return names;
+  }
+  std::string root_;
+  std::string outside_;
+};
+
+TEST_F(QuonHubConfineTest, RefusesEveryWayOutAndFollowsLinksThatStayInside) {
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({"--files-root", root_})));
+  std::string out_name = fs::path(outside_).filename().string();
+  const std::string kOutside = "FNAK outside the files root";
+
+  for (const std::string& request : std::vector<std::string>{
+           "dangling WRITE TEXT", "dangling APPEND BINARY", "dangling-rel WRITE TEXT",
+           "door/secret READ TEXT", "door/new WRITE TEXT", "door-rel/secret READ TEXT",
+           "door-rel/new WRITE TEXT", "../x WRITE TEXT", "sub/../../x WRITE TEXT",
+           outside_ + "/secret READ TEXT", outside_ + "/new WRITE TEXT",
+           root_ + "/../" + out_name + "/secret READ TEXT", "/etc/hostname READ TEXT"}) {
+    EXPECT_EQ(Ask(s, "FOPEN", request), kOutside) << request;
+  }
+  for (const std::string& path :
+       std::vector<std::string>{"dangling", "door", "door/secret", "door-rel", outside_, "/"}) {
+    EXPECT_EQ(Ask(s, "FSTAT", path), kOutside) << path;
+  }
+  for (const std::string& path :
+       std::vector<std::string>{"door/secret", "door-rel/secret", outside_ + "/secret"}) {
+    EXPECT_EQ(Ask(s, "FUNLINK", path), kOutside) << path;
+  }
+  EXPECT_EQ(OutsideEntries(), std::vector<std::string>{"secret"});
+  EXPECT_EQ(ReadFile(outside_ + "/secret"), "secret");
+
+  // Relative links that stay beneath the root work, to a new file too.
+  EXPECT_EQ(Ask(s, "FOPEN", "inner WRITE TEXT"), "FACK 1");
+  EXPECT_EQ(Ask(s, "FWRITE", "1 3 new"), "FACK 3");
+  EXPECT_EQ(Ask(s, "FOPEN", "sub/up READ TEXT"), "FACK 2");
+  EXPECT_EQ(Ask(s, "FREAD", "2 100"), "FACK inside");
+  EXPECT_EQ(Ask(s, "FOPEN", root_ + "/sub/../data READ TEXT"), "FACK 3");
+  EXPECT_EQ(ReadFile(root_ + "/sub/new"), "new");
+
+  EXPECT_EQ(Ask(s, "FSTAT", "data"), "FACK 2");
+  EXPECT_EQ(Ask(s, "FSTAT", "sub"), "FACK 1");
+  EXPECT_EQ(Ask(s, "FSTAT", root_), "FACK 1");
+  EXPECT_EQ(Ask(s, "FSTAT", root_ + "/sub/up"), "FACK 2");
+  EXPECT_EQ(Ask(s, "FSTAT", "missing"), "FNAK No such file or directory");
+  EXPECT_EQ(Ask(s, "FSTAT", "loop-a"), "FNAK Too many levels of symbolic links");
+
+  // Removing a link removes the link, wherever it points.
+  EXPECT_EQ(Ask(s, "FUNLINK", "door"), "FACK ");
+  EXPECT_EQ(Ask(s, "FUNLINK", "sub/up"), "FACK ");
+  EXPECT_EQ(Ask(s, "FUNLINK", "dangling"), "FACK ");
+  EXPECT_FALSE(fs::exists(fs::symlink_status(root_ + "/door")));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(root_ + "/dangling")));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(root_ + "/sub/up")));
+  EXPECT_EQ(ReadFile(outside_ + "/secret"), "secret");
+  EXPECT_EQ(ReadFile(root_ + "/data"), "inside");
+  EXPECT_EQ(Ask(s, "FUNLINK", root_), "FNAK Invalid argument");
+  EXPECT_EQ(s.Finish(), 0);
+}
+
+// The open itself refuses: a directory that turns into a link to the
+// outside between a look at the path and the open has nowhere to lead.
+TEST_F(QuonHubConfineTest, ADirectorySwappedForALinkNeverLeadsOut) {
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({"--files-root", root_})));
+  std::string flip = root_ + "/flip";
+  std::string flop = root_ + "/flop";
+  fs::create_directory(flip);
+  fs::create_directory_symlink(outside_, flop);
+  std::atomic<bool> stop{false};
+  std::atomic<long> swaps{0};
+  std::thread swapper([&] {
+    while (!stop) {
+      if (renameat2(AT_FDCWD, flip.c_str(), AT_FDCWD, flop.c_str(), RENAME_EXCHANGE) != 0) return;
+      ++swaps;
+    }
+  });
+  int opened = 0;
+  for (int i = 0; i < 1000; ++i) {
+    std::string answer = Ask(s, "FOPEN", "flip/f" + std::to_string(i) + " WRITE TEXT");
+    if (answer.rfind("FACK ", 0) == 0) {
+      ++opened;
+      EXPECT_EQ(Ask(s, "FCLOSE", answer.substr(5)), "FACK ");
+    } else {
+      EXPECT_EQ(answer, "FNAK outside the files root");
+    }
+  }
+  stop = true;
+  swapper.join();
+  EXPECT_GT(swaps, 0);
+  EXPECT_GT(opened, 0);  // the directory was met too
+  EXPECT_EQ(OutsideEntries(), std::vector<std::string>{"secret"});
+  EXPECT_EQ(s.Finish(), 0);
+}
+
+TEST(QuonHubFileTest, RefusesMagicLinks) {
+  // /proc/PID links to the process's root and descriptors lead anywhere.
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({"--files-root", "/proc/self"})));
+  EXPECT_EQ(Ask(s, "FSTAT", "status"), "FACK 2");
+  EXPECT_EQ(Ask(s, "FSTAT", "root"), "FNAK outside the files root");
+  EXPECT_EQ(Ask(s, "FOPEN", "root/etc/hostname READ TEXT"), "FNAK outside the files root");
+  EXPECT_EQ(Ask(s, "FOPEN", "cwd/x WRITE TEXT"), "FNAK outside the files root");
+  EXPECT_EQ(Ask(s, "FSTAT", "fd/0"), "FNAK outside the files root");
+  EXPECT_EQ(s.Finish(), 0);
 }
 
 TEST(QuonHubStartTest, RefusesWhatItCannotStart) {
@@ -428,6 +609,81 @@ TEST(QuonHubInputTest, DropsBadInputAndDisconnectsAClientThatKeepsSendingIt) {
   ASSERT_TRUE(s.Send("quon", "CMD", "list"));
   EXPECT_TRUE(s.ExpectPayload("EDONE", "quon",
                               BRIDGE_BINARY " " + s.address() + " quon@" + s.host() + " 1"));
+  EXPECT_EQ(s.Finish(), 0);
+}
+
+TEST(QuonHubSourceTest, DropsPacketsThatClaimAnotherSender) {
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({})));
+  std::string pid = std::to_string(PidOf(s.address()));
+  std::string b = s.Invoke("qclient serve");
+  std::string c = s.Invoke("qclient serve");
+  ASSERT_FALSE(b.empty());
+  ASSERT_FALSE(c.empty());
+  auto forge = [&s](const std::string& source, const std::string& destination,
+                    const std::string& word, const std::string& payload) {
+    return s.SendBytes(BuildPacket(destination, source, word, payload));
+  };
+  // B takes SRVR_ERR from "quon" for the hub going away and ends; from a
+  // peer it reports it to its parent (this client). Either would show.
+  std::vector<std::string> sources = {
+      "quon",           c, "4242@" + s.host(), "!x" + c, "!xy" + s.address(), "x!" + s.address(),
+      s.address() + "0"};
+  for (const std::string& source : sources) {
+    ASSERT_TRUE(forge(source, b, "SRVR_ERR", "forged"));
+  }
+  // A request to the hub would be answered to this client.
+  ASSERT_TRUE(forge("4242@" + s.host(), "quon", "QUERYP?", kProcessQuery));
+
+  // Nothing of it reached anyone: B answers this first, and nothing else
+  // came before it.
+  ASSERT_TRUE(s.Send(b, "CMD", "after"));
+  ASSERT_TRUE(s.Expect("ACK", b));
+  EXPECT_TRUE(s.ExpectPayload("DONE", b, "echo:after"));
+  for (std::size_t i = 0; i <= sources.size(); ++i) {
+    ASSERT_TRUE(s.WaitLog("[" + pid + "]: bad packet dropped: source \""));
+  }
+  ASSERT_TRUE(s.Send("quon", "CMD", "list"));
+  EXPECT_TRUE(s.ExpectPayload("EDONE", "quon",
+                              BRIDGE_BINARY " " + s.address() + " quon@" + s.host() +
+                                  " 1 qclient " + b + " " + s.address() + " 1 qclient " + c + " " +
+                                  s.address() + " 1"));
+
+  // The own address behind a "!" prefix is the sender's, and is answered.
+  std::string prefixed = "!x" + s.address();
+  ASSERT_TRUE(forge(prefixed, b, "CMD", "prefixed"));
+  RawPacket p;
+  ASSERT_TRUE(s.Next(&p));
+  EXPECT_EQ(p.destination + " " + p.source + " " + p.word, prefixed + " " + b + " ACK");
+  ASSERT_TRUE(s.Next(&p));
+  EXPECT_EQ(p.destination + " " + p.word + " " + p.payload, prefixed + " DONE echo:prefixed");
+  ASSERT_TRUE(forge(prefixed, "quon", "QUERY?", "qclient"));
+  EXPECT_TRUE(s.Expect("QUERY", "quon"));
+
+  for (const std::string& client : {b, c}) {
+    ASSERT_TRUE(s.Send(client, "KILL"));
+    EXPECT_TRUE(s.ExpectPayload("SRVR_ERR", client, "killed"));
+  }
+  EXPECT_EQ(s.Finish(), 0);
+}
+
+TEST(QuonHubSourceTest, DisconnectsAClientThatKeepsForgingAndServesTheOthers) {
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({})));
+  std::string b = s.Invoke("qclient serve");
+  ASSERT_FALSE(b.empty());
+  std::string steps;
+  for (int i = 0; i < 10; ++i) steps += " sendas quon " + b + " SRVR_ERR gone";
+  std::string f = s.Invoke("qclient" + steps + " expect ACK quon");
+  ASSERT_TRUE(s.ExpectPayload("SRVR_ERR", f, "disconnected: bad input"));
+  EXPECT_TRUE(
+      s.WaitLog("[" + std::to_string(PidOf(f)) + "]: disconnected after 10 bad packets in a row"));
+  // B heard none of it and is still served.
+  ASSERT_TRUE(s.Send(b, "CMD", "still there?"));
+  EXPECT_TRUE(s.Expect("ACK", b));
+  EXPECT_TRUE(s.ExpectPayload("DONE", b, "echo:still there?"));
+  ASSERT_TRUE(s.Send(b, "KILL"));
+  EXPECT_TRUE(s.ExpectPayload("SRVR_ERR", b, "killed"));
   EXPECT_EQ(s.Finish(), 0);
 }
 

@@ -127,7 +127,9 @@ class QuonFileTableTest : public ::testing::Test {
                 .string();
     fs::remove_all(root_);
     fs::create_directories(root_ + "/sub");
-    root_ = platform::CanonicalDirectory(root_);
+    int error = 0;
+    ASSERT_TRUE(files_root_.Open(root_, &error)) << error;
+    root_ = files_root_.path();
     outside_ = root_ + "-outside";
     fs::create_directories(outside_);
     std::ofstream(outside_ + "/secret") << "secret";
@@ -136,12 +138,13 @@ class QuonFileTableTest : public ::testing::Test {
     fs::remove_all(root_);
     fs::remove_all(outside_);
   }
+  platform::FilesRoot files_root_;
   std::string root_;
   std::string outside_;
 };
 
 TEST_F(QuonFileTableTest, KeepsBinaryDataAndCapsReads) {
-  FileTable table(root_);
+  FileTable table(files_root_);
   FileReply r = table.Handle(wire::kFopen, "sub/data BINARY WRITE");
   EXPECT_EQ(r.category, wire::kFnak);  // mode and type are in that order
   r = table.Handle(wire::kFopen, std::string("sub/data WRITE BINARY\0\0", 23));
@@ -175,7 +178,7 @@ TEST_F(QuonFileTableTest, KeepsBinaryDataAndCapsReads) {
 }
 
 TEST_F(QuonFileTableTest, RefusesEveryWayOutOfTheRoot) {
-  FileTable table(root_);
+  FileTable table(files_root_);
   fs::create_symlink(outside_, root_ + "/sub/door");
   fs::create_symlink(outside_ + "/secret", root_ + "/secret-link");
   std::vector<std::string> ways_out = {"../x", "sub/../../x", "sub/door/secret", "secret-link",

@@ -3,6 +3,8 @@
 //
 //   send DEST WORD PAYLOAD   a packet ("-" payload: none; DEST may be
 //                            "parent", "self" or "quon")
+//   sendas SRC DEST WORD PAYLOAD
+//                            the same with SRC as the source address
 //   expect WORD SRC          the next packet must have this word and source
 //                            ("-": any source); fails after 20 s
 //   serve                    answer packets until KILL (see Serve)
@@ -59,11 +61,16 @@ std::string Resolve(const Channel& ch, const std::string& who) {
   return who;
 }
 
-void Send(const Channel& ch, const std::string& dest, const std::string& word,
-          const std::string& payload) {
-  if (!varn::quon_test::WritePacket(ch.out, Resolve(ch, dest), ch.self, word, payload)) {
+void SendAs(const Channel& ch, const std::string& source, const std::string& dest,
+            const std::string& word, const std::string& payload) {
+  if (!varn::quon_test::WritePacket(ch.out, Resolve(ch, dest), source, word, payload)) {
     Fail("cannot send " + word);
   }
+}
+
+void Send(const Channel& ch, const std::string& dest, const std::string& word,
+          const std::string& payload) {
+  SendAs(ch, ch.self, dest, word, payload);
 }
 
 RawPacket Next(PacketReader& reader, int timeout_ms) {
@@ -151,6 +158,9 @@ int main(int argc, char** argv) {
     if (step == "send") {
       Send(ch, arg(i + 1), arg(i + 2), PayloadArg(arg(i + 3)));
       i += 3;
+    } else if (step == "sendas") {
+      SendAs(ch, arg(i + 1), arg(i + 2), arg(i + 3), PayloadArg(arg(i + 4)));
+      i += 4;
     } else if (step == "expect") {
       RawPacket p = Next(reader, kStepTimeoutMs);
       std::string word = arg(i + 1);
