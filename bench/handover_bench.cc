@@ -12,14 +12,14 @@
 #include <vector>
 
 #include "platform/io.h"
-#include "transport/packet_channel.h"
+#include "transport/hand_over.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 namespace platform = varn::platform;
+using varn::transport::HandOver;
 using varn::transport::PacketBody;
-using varn::transport::PacketChannel;
 
 double Seconds(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -28,7 +28,7 @@ double Seconds(Clock::time_point start) {
 // Producer reads nothing from a channel here: it has the body in hand, as
 // the input thread has after reading it from the hub.
 double ChannelRun(std::size_t body_size, int count) {
-  PacketChannel channel;
+  HandOver channel;
   auto start = Clock::now();
   std::thread producer([&] {
     for (int i = 0; i < count; ++i) {

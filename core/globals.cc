@@ -17,11 +17,14 @@ int IfDetachProtocol = 0;
 namespace varn::core {
 namespace {
 
-// Constant-initialised, so it is usable from any static initialiser.
-constinit LibraryState g_state;
+// Constant-initialised, so they are usable from any static initialiser.
+constinit Setup g_setup;
+constinit LibraryState g_state GUARDED_BY(kLibrary);
 
 }  // namespace
 
+const Setup& Fixed() { return g_setup; }
+Setup& MutableSetup() { return g_setup; }
 LibraryState& State() { return g_state; }
 
 }  // namespace varn::core

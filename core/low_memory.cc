@@ -50,7 +50,7 @@ extern "C" int varn_no_memory_msg(size_t reserve, size_t request, char** message
     ok = true;
   }
   std::size_t new_reserve = 0;
-  const char* program = varn::core::State().program_name;
+  const char* program = varn::core::Fixed().program_name;
   if (ok) {
     std::snprintf(g_message, sizeof g_message,
                   "%s: Warning-- less than %d bytes of memory remain\n", program,

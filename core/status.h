@@ -18,13 +18,9 @@ namespace varn::core {
 void SetStatus(int status, const char* text);
 // Empties the text (varn_init).
 void ClearStatusText();
-// "WORD" or "WORD text" of the status as last set, cut to size - 1.
-void StatusAnswer(char* out, std::size_t size);
-// The text alone, cut to size - 1.
-void StatusText(char* out, std::size_t size);
-
-// Status words "IDLE", "BUSY", "DEAD" by code 0..2; nullptr otherwise.
-const char* StatusWord(int status);
+// The status as last set, with its text copied into text (cut to
+// size - 1 characters).
+int StatusSnapshot(char* text, std::size_t size);
 
 }  // namespace varn::core
 

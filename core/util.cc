@@ -1,48 +1,14 @@
-// The varn_util_ family: category and status conversions, argument removal,
-// the string-field setter, and the small platform helpers.
+// The varn_util_ family's general helpers: argument removal, the
+// string-field setter, sleeping, and the signal calls that have nothing to
+// do here. (The category conversions are the transport's: categories.cc.)
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 #include "core/library_state.h"
-#include "core/status.h"
-#include "host/support.h"
+#include "host/gui.h"
 #include "platform/system.h"
-#include "transport/wire_format.h"
 #include "varn.h"
-
-int varn_util_int_to_category(int code, char* word) noexcept {
-  const char* text = varn::wire::CategoryWord(code);
-  if (text == nullptr) {
-    VarnErrorNo = VARN_E_CATEGORY;
-    return 0;
-  }
-  std::strcpy(word, text);
-  return 1;
-}
-
-int varn_util_category_to_int(const char* word, int* code) noexcept {
-  // Exact comparison; a null word compares as empty and so matches nothing.
-  for (int i = 1; i < varn::wire::kCategoryCount; ++i) {
-    if (i == varn::wire::kDackObsolete) continue;  // has a word but is never accepted
-    if (gsl_strcmp(word, varn::wire::CategoryWord(i)) == 0) {
-      *code = i;
-      return 1;
-    }
-  }
-  VarnErrorNo = VARN_E_CATEGORY;
-  return 0;
-}
-
-int varn_util_status_string_to_code(const char* word, int* code) noexcept {
-  for (int status = VARN_STATUS_IDLE; status <= VARN_STATUS_DEAD; ++status) {
-    if (gsl_strcmp(word, varn::core::StatusWord(status)) == 0) {
-      *code = status;
-      return 1;
-    }
-  }
-  return 0;  // VarnErrorNo is deliberately left as it was
-}
 
 void varn_util_compress_args(char** argv, int index, int* argc, int count) noexcept {
   // The slot at the old end (argv[*argc]) keeps its value: callers that
@@ -82,3 +48,8 @@ int varn_util_sleep(int seconds, int milliseconds) noexcept {
 void varn_util_hold_sigusr1(int /*how*/) noexcept {}
 void varn_util_release_sigusr1(int /*how*/) noexcept {}
 void varn_util_sigaction(int /*signal_number*/) noexcept {}
+
+int varn_chdir(const char* directory) noexcept {
+  if (VarnChanType == VARN_CHAN_SOCKET) return 0;
+  return varn::host::gui_chdir(directory);
+}

@@ -19,6 +19,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "varn_codes.h"
 #include "varn_export.h"
 
 #ifdef __cplusplus
@@ -43,11 +44,6 @@ typedef int varnHandle;
 #define ENTRY_EXITED 2
 #define ENTRY_DISABLED 3
 #define ENTRY_STARTING 4
-
-/* Process status (VarnStatus). */
-#define VARN_STATUS_IDLE 0
-#define VARN_STATUS_BUSY 1
-#define VARN_STATUS_DEAD 2
 
 /* Channel types (VarnChanType). */
 #define VARN_CHAN_SOCKET 0
@@ -94,156 +90,6 @@ typedef struct VarnFileEntry {
   uint32_t send_stream;
   uint32_t recv_stream;
 } VarnFileEntry;
-
-/* ---- Message categories ----------------------------------------------- */
-
-enum VarnCategory {
-  VARN_NONE = 0,
-  VARN_STATUS_Q = 1,
-  VARN_STATUS = 2,
-  VARN_KILL = 3,
-  VARN_ACCEPT = 4,
-  VARN_REJECT = 5,
-  VARN_INTR = 6,
-  VARN_CMD = 7,
-  VARN_DONE = 8,
-  VARN_BEGIN = 9,
-  VARN_END = 10,
-  VARN_DATA = 11,
-  VARN_ERROR = 12,
-  VARN_SRVR_ERR = 13,
-  VARN_ACK = 14,
-  VARN_INVOKE = 15,
-  VARN_INVOKER = 16,
-  VARN_INVOKERE = 17,
-  VARN_INVOKERN = 18,
-  VARN_NAK = 19,
-  VARN_QUERY_Q = 20,
-  VARN_QUERY = 21,
-  VARN_ENABLE = 22,
-  VARN_DISABLE = 23,
-  VARN_NOTIFY = 24,
-  VARN_ASYNC_ENABLE = 25,
-  VARN_ASYNC_DISABLE = 26,
-  VARN_PING = 27,
-  VARN_STDERR = 28,
-  VARN_FACK = 29,
-  VARN_FNAK = 30,
-  VARN_FOPEN = 31,
-  VARN_FCLOSE = 32,
-  VARN_FREAD = 33,
-  VARN_FWRITE = 34,
-  VARN_FREWIND = 35,
-  VARN_FUNLINK = 36,
-  VARN_QUERYP_Q = 37,
-  VARN_QUERYP = 38,
-  VARN_ATTACH = 39,
-  VARN_DETACH = 40,
-  VARN_AACK = 41,
-  VARN_ANAK = 42,
-  VARN_DACK_OBSOLETE = 43,
-  VARN_DNAK = 44,
-  VARN_EACK = 45,
-  VARN_ENAK = 46,
-  VARN_EDONE = 47,
-  VARN_EERROR = 48,
-  VARN_BROADCAST = 49,
-  VARN_FSTAT = 50,
-  VARN_CMD_ACKSENT = 51,
-  VARN_BEGIN_ACKSENT = 52,
-  VARN_END_ACKSENT = 53,
-  VARN_INVOKE_EX = 54,
-  VARN_FEOF = 55,
-  VARN_FSEEK = 56,
-  VARN_FTELL = 57
-};
-#define VARN_CATEGORY_COUNT 58
-
-/* ---- Error numbers ----------------------------------------------------- */
-
-/* One list gives every error number, its constant and its message. */
-#define VARN_ERROR_LIST(X)                                                             \
-  X(0, NONE, "No error.")                                                              \
-  X(1, TABLE_FULL, "VARN internal table is full.")                                     \
-  X(2, READ_SIZE, "Failed reading size of incoming message packet.")                   \
-  X(3, PARSE, "Failed parsing the incoming message.")                                  \
-  X(4, CATEGORY, "Invalid message category.")                                          \
-  X(5, READ_PACKET, "Failed reading the full message packet from QUON input.")         \
-  X(6, ALREADY_INIT, "The VARN message library has already been initialized.")         \
-  X(7, NOT_INIT, "The VARN message library has not been initialized yet.")             \
-  X(8, BAD_STATUS, "Bad status code.")                                                 \
-  X(9, HOSTNAME, "Failed to determine local hostname for the Velor daemon.")           \
-  X(10, DAEMON, "Daemon error.")                                                       \
-  X(11, INVOKE, "Failed to invoke the process.")                                       \
-  X(12, KILL, "Unable to kill the process.")                                           \
-  X(13, CLOSED, "The connection has been closed.")                                     \
-  X(14, EXITING, "The process has been killed or is exiting.")                         \
-  X(15, NO_INTR, "Nothing to interrupt.")                                              \
-  X(16, DONE_NOT_IN_CMD, "Unable to send DONE, not in CMD loop.")                      \
-  X(17, ERROR_NOT_IN_CMD, "Unable to send ERROR, not in CMD loop.")                    \
-  X(18, END_NOT_IN_STREAM, "Unable to send END, not in DATA stream.")                  \
-  X(19, SERVER_BUSY_CMD, "Server is busy, not ready for CMD.")                         \
-  X(20, DATA_BEFORE_BEGIN, "Must send BEGIN before sending DATA.")                     \
-  X(21, UNEXPECTED_NAK, "Not expecting NAK.")                                          \
-  X(22, UNEXPECTED_ACK, "Not expecting ACK.")                                          \
-  X(23, AFTER_BEGIN, "Must send DATA or END after BEGIN.")                             \
-  X(24, SEND_UNKNOWN, "Can't send unrecognized category.")                             \
-  X(25, PIPE_WRITE, "Write failure on pipe.")                                          \
-  X(26, NOT_CHILD, "The process is not a direct child.")                               \
-  X(27, SERVER_NOT_FOUND, "Specified server not found.")                               \
-  X(28, RECV_QUERY, "Should not receive QUERY.")                                       \
-  X(29, REINVOKE, "Failed to reinvoke the process.")                                   \
-  X(30, RECV_STATUS, "Should not receive STATUS.")                                     \
-  X(31, BAD_HANDLE, "Invalid message handle.")                                         \
-  X(32, NO_SOURCE, "Unable to match source address of the incoming message.")          \
-  X(33, CANNOT_SEND_DATA, "Unable to send data now.")                                  \
-  X(34, TOO_LONG, "Message is too long.")                                              \
-  X(35, MALLOC, "Malloc failed.")                                                      \
-  X(36, END_NOT_APPLY, "END does not apply.")                                          \
-  X(37, NOT_IN_STREAM, "Not in DATA stream.")                                          \
-  X(38, WAIT_IN_STREAM, "Can't wait during data stream.")                              \
-  X(39, NON_VELOR, "Non-Velor program.")                                               \
-  X(40, DISABLED, "The process has been disabled.")                                    \
-  X(41, STREAM_SOURCE, "Stream DATA source does not match BEGIN source.")              \
-  X(42, RECEIVER_BUSY, "The receiving process is busy.")                               \
-  X(43, DAEMON_GONE, "Daemon is either dead or has closed all it's sockets.")          \
-  X(44, FOPEN, "Can't perform a remote fopen")                                         \
-  X(45, FCLOSE, "Can't perform a remote fclose")                                       \
-  X(46, FILE_TYPE, "Legal file types are TEXT and BINARY")                             \
-  X(47, FILE_MODE, "Legal file modes are READ, WRITE and APPEND")                      \
-  X(48, FILE_HANDLE, "Invalid remote file handle: may need to be opened first")        \
-  X(49, NEGATIVE_SIZE, "Buffer size may not be negative ")                             \
-  X(50, FILE_CONFLICT,                                                                 \
-    "Conflicting file operations: reading from a file opened for write or vice versa") \
-  X(51, FILE_OPEN, "Remote file is open")                                              \
-  X(52, FILE_TABLE_FULL, "VARN internal remote file table is full.")                   \
-  X(53, FREAD, "Can't perform a remote fread")                                         \
-  X(54, FWRITE, "Can't perform a remote fwrite")                                       \
-  X(55, FREWIND, "Can't perform a remote frewind")                                     \
-  X(56, FUNLINK, "Can't perform a remote funlink")                                     \
-  X(57, EOF, "End of file")                                                            \
-  X(58, FILE_BUFFER, "Exceed remote file buffer size = 4096")                          \
-  X(59, SOCKET_CREATE, "Unable to create a socket")                                    \
-  X(60, WRONG_HOSTNAME, "Wrong hostname")                                              \
-  X(61, SOCKET_CONNECT, "Failed to connect a socket")                                  \
-  X(62, OBSOLETE_62, "Obsolete")                                                       \
-  X(63, QUERY_REMOTE, "Cannot query remote processes")                                 \
-  X(64, NOT_STANDALONE, "The process is not a standalone VARN process")                \
-  X(65, STANDALONE, "The process is a standalone VARN process not attached to quon")   \
-  X(66, ATTACH, "Failed to attach a process to a PG Quon")                             \
-  X(67, DETACH, "Failed to detach a process from a PG Quon")                           \
-  X(68, WINSOCK, "Failed to get the right version of winsock")                         \
-  X(69, QUON_CMD, "Quon failed to executed the sent command")                          \
-  X(70, OBSOLETE_70, "Obsolete")                                                       \
-  X(71, FSTAT, "Can't perform a remote stat")                                          \
-  X(72, FEOF, "Can't perform a remote feof")                                           \
-  X(73, FSEEK, "Can't perform a remote fseek")                                         \
-  X(74, FTELL, "Can't perform a remote ftell")                                         \
-  X(75, NEW_HANDLE, "Unable to allocate a new varn handle")
-
-#define VARN_ERROR_ENUM_(n, name, text) VARN_E_##name = n,
-enum VarnErrorNumber { VARN_ERROR_LIST(VARN_ERROR_ENUM_) VARN_ERROR_COUNT = 76 };
-#undef VARN_ERROR_ENUM_
 
 /* ---- Exported data ----------------------------------------------------- */
 

@@ -4,59 +4,80 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "core/api_entry.h"
 #include "core/library_state.h"
-#include "host/paths.h"
-#include "transport/receive.h"
+#include "core/remote_file_table.h"
+#include "core/rows.h"
+#include "process/process_list.h"
+#include "transport/await.h"
+#include "transport/channel.h"
+#include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 #include "varn.h"
 
 namespace {
 
-using varn::core::State;
+using varn::core::Fixed;
+using varn::core::Row;
+using varn::core::RowState;
+namespace core = varn::core;
+namespace transport = varn::transport;
+namespace wire = varn::wire;
 
-constexpr const char* kProcessListRequest = "NULL@NULL NULL NULL AllProcess ByName";
-
-// The bare program name: drive and extension dropped, at most 511 characters.
-std::string BareName(const char* name) {
-  char buf[512];
-  std::snprintf(buf, sizeof buf, "%s", name ? name : "");
-  const char* start = buf;
-  if (varn::host::gfile_hasdrv(buf)) start = buf + 2;
-  // Directories go too: the name is the last path component.
-  for (const char* p = start; *p; ++p) {
-    if (*p == '/' || *p == '\\') start = p + 1;
-  }
-  std::string bare = start;
-  if (varn::host::gfile_hasext(bare.c_str())) bare.erase(bare.rfind('.'));
-  return bare;
+bool NameDisabled(const char* name) REQUIRES(core::kLibrary) {
+  int d;
+  return name != nullptr && core::FindDisabledEntry(&d, name);
 }
 
-bool WaitReplyRow(int a, int b) {
-  VarnFileEntry& reply = varn::core::FileTable()[VARN_QUON_REPLY_ROW];
-  while (reply.last_category != static_cast<int32_t>(a) &&
-         reply.last_category != static_cast<int32_t>(b)) {
-    if (!varn_recv_read_and_parse_message(1)) return false;
-  }
-  return true;
-}
+constexpr transport::CategorySet kStatusAnswer = {VARN_STATUS, VARN_SRVR_ERR};
 
 }  // namespace
 
+namespace varn::process {
+
+int NameFromProcessList(int h, const char* address) {
+  char* list = nullptr;
+  if (varn_query_pg_process(&list) == 0) {
+    VarnErrorNo = VARN_E_QUERY_REMOTE;
+    return -1;
+  }
+  if (list == nullptr) return -1;
+  std::string_view rest = list;
+  wire::ProcessRecord record;
+  while (wire::NextProcessRecord(&rest, &record)) {
+    if (record.address == address) {
+      std::string name(record.name);
+      return varn_util_strcpy(&VarnMessage[h].name, name.c_str()) != 0 ? h : -1;
+    }
+  }
+  return -1;
+}
+
+}  // namespace varn::process
+
 extern "C" int varnP_is_connected(const char* name, const char* address) noexcept {
+  core::OnApplicationThread();
   if (name == nullptr || address == nullptr) return -1;
-  std::string bare = BareName(name);
-  int count = varn::core::ActiveCount();
+  // Names are compared as the server names they stand for, at most 511
+  // characters of them.
+  std::string_view bare = wire::ProgramBaseName(std::string_view(name).substr(0, 511));
+  int count = core::ActiveCount();
   for (int i = 0; i < count; ++i) {
     const VarnEntry& row = VarnMessage[i];
     if (row.state == ENTRY_FREE || row.address == nullptr || row.name == nullptr) continue;
-    if (BareName(row.name) == bare && std::strcmp(row.address, address) == 0) return i;
+    if (wire::ProgramBaseName(std::string_view(row.name).substr(0, 511)) == bare &&
+        std::strcmp(row.address, address) == 0) {
+      return i;
+    }
   }
   return -1;
 }
 
 extern "C" int varn_connect_process(varnHandle* h, const char* name, const char* address,
                                     const char* where) noexcept {
+  core::OnApplicationThread();
   int found = varnP_is_connected(name, address);
   if (found >= 0) {
     *h = found;
@@ -70,35 +91,27 @@ extern "C" int varn_connect_process(varnHandle* h, const char* name, const char*
   }
   int fresh = -1;
   if (!varnP_get_new_varnHandle(&fresh)) return 0;
-  VarnEntry& row = VarnMessage[fresh];
-  row.state = ENTRY_ACTIVE;
-  bool own_host = host == nullptr || std::strcmp(host, State().host_name) == 0;
-  if (!varn_util_strcpy(&row.address, address) ||
-      !varn_util_strcpy(&row.local_address, State().own_address) ||
-      !varn_util_strcpy(&row.last_data, nullptr) ||
-      !varn_util_strcpy(&row.host, own_host ? nullptr : host) ||
-      !varn_util_strcpy(&row.name, name)) {
-    row.state = ENTRY_FREE;
+  Row row(fresh);
+  VarnEntry& e = row.entry();
+  bool own_host = host == nullptr || std::strcmp(host, Fixed().host_name) == 0;
+  if (!row.OpenTo(address, Fixed().own_address) || !varn_util_strcpy(&e.last_data, nullptr) ||
+      !varn_util_strcpy(&e.host, own_host ? nullptr : host) || !varn_util_strcpy(&e.name, name)) {
+    row.set_state(RowState::kFree);
     return 0;
   }
-  row.last_category = 0;
-  row.last_data_len = 0;
-  row.keep_entry = 0;
-  row.non_velor = 0;
-  row.send_stream = 1;
-  row.recv_stream = 1;
-  row.owned = 1;
-  row.immediate_intr_kill = 0;
+  e.keep_entry = 0;
+  e.non_velor = 0;
+  e.owned = 1;
   *h = fresh;
   return 1;
 }
 
 extern "C" int varn_connect_server(varnHandle* h, varnHandle owner, const char* server) noexcept {
-  if (varn_debug_true()) return 1;
-  if (!varn::core::EnterCall(owner)) return 0;
+  core::OnApplicationThread();
+  if (transport::ActiveChannel().SimulatesPeers()) return 1;
+  if (!core::EnterCall(owner)) return 0;
   const VarnEntry& owner_row = VarnMessage[owner];
-  int d;
-  if (owner_row.name != nullptr && varn::core::FindDisabledEntry(&d, owner_row.name)) {
+  if (NameDisabled(owner_row.name)) {
     VarnErrorNo = VARN_E_DISABLED;
     return 0;
   }
@@ -108,76 +121,63 @@ extern "C" int varn_connect_server(varnHandle* h, varnHandle owner, const char* 
   }
   int fresh = -1;
   if (!varnP_get_new_varnHandle(&fresh)) return 0;
-  char payload[VARN_STATUS_TEXT_SIZE];
-  std::snprintf(payload, sizeof payload, "%s:%s", owner_row.address ? owner_row.address : "",
-                server ? server : "");
-  VarnEntry& row = VarnMessage[fresh];
-  row.state = ENTRY_ACTIVE;
-  if (!varn_util_strcpy(&row.address, "quon")) {
-    row.state = ENTRY_FREE;
+  std::string query =
+      wire::BuildServerQuery(owner_row.address ? owner_row.address : "", server ? server : "");
+  if (query.size() >= VARN_STATUS_TEXT_SIZE) query.resize(VARN_STATUS_TEXT_SIZE - 1);
+  // The answer comes from the hub; until then the row stands for it.
+  Row row(fresh);
+  row.set_state(RowState::kActive);
+  if (!varn_util_strcpy(&row.entry().address, VARN_HUB_ADDRESS)) {
+    row.set_state(RowState::kFree);
     return 0;
   }
-  row.last_category = 0;
-  if (!varn_send_packet("quon", State().own_address, VARN_QUERY_Q, payload, 0)) {
-    row.state = ENTRY_FREE;
+  row.ClearLast();
+  if (!varn_send_packet(VARN_HUB_ADDRESS, Fixed().own_address, VARN_QUERY_Q, query.c_str(), 0) ||
+      !transport::AwaitRow(fresh, {VARN_QUERY, VARN_SRVR_ERR}, false)) {
+    row.set_state(RowState::kFree);
     return 0;
   }
-  while (row.last_category != VARN_QUERY && row.last_category != VARN_SRVR_ERR) {
-    if (!varn_recv_read_and_parse_message(1)) {
-      row.state = ENTRY_FREE;
-      return 0;
-    }
-  }
-  if (row.last_category == VARN_SRVR_ERR) {
-    row.state = ENTRY_FREE;
+  if (row.last_category() == VARN_SRVR_ERR) {
+    row.set_state(RowState::kFree);
     VarnErrorNo = VARN_E_CLOSED;
     return 0;
   }
-  if (row.last_data == nullptr || row.last_data[0] == '\0') {
+  if (row.entry().last_data == nullptr || row.entry().last_data[0] == '\0') {
     VarnErrorNo = VARN_E_SERVER_NOT_FOUND;
-    row.state = ENTRY_FREE;
+    row.set_state(RowState::kFree);
     return 0;
   }
-  std::string address = row.last_data;
-  if (!varn_util_strcpy(&row.address, address.c_str()) ||
-      !varn_util_strcpy(&row.local_address, State().own_address) ||
-      !varn_util_strcpy(&row.name, server)) {
-    row.state = ENTRY_FREE;
+  std::string address = row.entry().last_data;
+  if (!row.OpenTo(address.c_str(), Fixed().own_address) ||
+      !varn_util_strcpy(&row.entry().name, server)) {
+    row.set_state(RowState::kFree);
     return 0;
   }
-  row.last_category = 0;
-  row.last_data_len = 0;
-  row.send_stream = 1;
-  row.recv_stream = 1;
-  row.owned = 0;
-  row.keep_entry = 0;
-  row.immediate_intr_kill = 0;
+  row.entry().owned = 0;
+  row.entry().keep_entry = 0;
   *h = fresh;
   return 1;
 }
 
 extern "C" int varn_query_pg_process(char** list) noexcept {
-  if (!varn::core::EnterCall()) return 0;
+  if (!core::EnterCall()) return 0;
   if (VarnChanType == VARN_CHAN_STANDALONE) {
     VarnErrorNo = VARN_E_NOT_STANDALONE;
     return 0;
   }
-  VarnFileEntry& reply = varn::core::FileTable()[VARN_QUON_REPLY_ROW];
-  reply.state = 2;
-  reply.last_category = 0;
-  if (!varn_send_packet("quon", State().own_address, VARN_QUERYP_Q, kProcessListRequest, 0)) {
-    reply.state = 0;
+  core::AwaitingAnswer reply(core::kReplyRow, core::FileRowState::kFree);
+  std::string request(wire::kProcessListRequest);
+  if (!varn_send_packet(VARN_HUB_ADDRESS, Fixed().own_address, VARN_QUERYP_Q, request.c_str(), 0)) {
     VarnErrorNo = VARN_E_QUERY_REMOTE;
     return 0;
   }
-  bool answered = WaitReplyRow(VARN_QUERYP, VARN_SRVR_ERR);
-  reply.state = 0;
+  bool answered = transport::AwaitAnswer(reply, {VARN_QUERYP, VARN_SRVR_ERR});
   // A read that failed means the hub is gone: no list can come.
-  if (!answered || reply.last_category == VARN_SRVR_ERR) {
+  if (!answered || reply.category() == VARN_SRVR_ERR) {
     if (VarnErrorNo != VARN_E_DAEMON_GONE) VarnErrorNo = VARN_E_QUERY_REMOTE;
     return 0;
   }
-  *list = reply.last_data != nullptr ? reply.last_data : const_cast<char*>("");
+  *list = reply.row().last_data != nullptr ? reply.row().last_data : const_cast<char*>("");
   return 1;
 }
 
@@ -189,30 +189,25 @@ extern "C" int varn_prep_query_result(char* list, char** cursor) noexcept {
 
 extern "C" int varn_get_query_result(char** cursor, char* name, char* address, char* third,
                                      int* number) noexcept {
-  if (cursor == nullptr || *cursor == nullptr || **cursor == '\0') return 0;
-  const char* p = *cursor;
-  const char* blanks[4] = {};
-  int found = 0;
-  for (const char* q = p; *q && found < 4; ++q) {
-    if (*q == ' ') blanks[found++] = q;
-  }
-  if (found < 3) return 0;
-  auto copy = [](char* out, const char* from, const char* to) {
-    std::memcpy(out, from, static_cast<std::size_t>(to - from));
-    out[to - from] = '\0';
+  if (cursor == nullptr || *cursor == nullptr) return 0;
+  std::string_view rest = *cursor;
+  wire::ProcessRecord record;
+  if (!wire::NextProcessRecord(&rest, &record)) return 0;
+  auto copy = [](char* out, std::string_view word) {
+    std::memcpy(out, word.data(), word.size());
+    out[word.size()] = '\0';
   };
-  copy(name, p, blanks[0]);
-  copy(address, blanks[0] + 1, blanks[1]);
-  copy(third, blanks[1] + 1, blanks[2]);
-  *number = std::atoi(blanks[2] + 1);
-  *cursor = found == 4 ? const_cast<char*>(blanks[3] + 1)
-                       : const_cast<char*>(blanks[2] + 1 + std::strlen(blanks[2] + 1));
+  copy(name, record.name);
+  copy(address, record.address);
+  copy(third, record.parent);
+  *number = record.status;
+  *cursor = const_cast<char*>(rest.data());
   return 1;
 }
 
 extern "C" int varn_query_server_address(const char* server, char** address) noexcept {
-  if (!varn::core::EnterCall()) return 0;
-  int count = varn::core::ActiveCount();
+  if (!core::EnterCall()) return 0;
+  int count = core::ActiveCount();
   for (int i = 0; i < count; ++i) {
     VarnEntry& row = VarnMessage[i];
     if ((row.state != ENTRY_ACTIVE && row.state != ENTRY_EXITED) || row.name == nullptr ||
@@ -230,56 +225,51 @@ extern "C" int varn_query_server_address(const char* server, char** address) noe
 extern "C" int varn_query_status(varnHandle h, uint32_t* status, char* text) noexcept {
   *status = VARN_STATUS_DEAD;
   text[0] = '\0';
-  if (!varn::core::EnterCall(h)) return 0;
-  VarnEntry& row = VarnMessage[h];
-  if (row.state == ENTRY_FREE) {
+  if (!core::EnterCall(h)) return 0;
+  Row row(h);
+  if (row.is(RowState::kFree)) {
     VarnErrorNo = VARN_E_CLOSED;
     return 0;
   }
-  int d;
-  if (row.name != nullptr && varn::core::FindDisabledEntry(&d, row.name)) {
+  if (NameDisabled(row.entry().name)) {
     *status = VARN_STATUS_IDLE;
     return 1;
   }
-  if (row.send_stream == 2) {
+  if (row.send_stream() == core::Stream::kStreaming) {
     *status = VARN_STATUS_BUSY;
     std::strcpy(text, "sending data");
     return 1;
   }
-  if (varn_debug_query_status(h, status, text)) return 1;
-  if (!varn_send_packet(row.address, row.local_address, VARN_STATUS_Q, nullptr, 0)) return 0;
-  row.last_category = 0;
-  row.last_data_len = 0;
+  transport::Channel& channel = transport::ActiveChannel();
+  if (channel.SimulatesPeers()) return channel.SimulateStatus(h, status, text);
+  if (!varn_send_packet(row.entry().address, row.entry().local_address, VARN_STATUS_Q, nullptr,
+                        0)) {
+    return 0;
+  }
+  row.entry().last_data_len = 0;
   // Only the answer is taken: whatever else the peer sends meanwhile (a
   // stream, its DONE) waits in the queue for the call that expects it,
   // instead of being consumed by the status query.
-  int* set = nullptr;
-  varn_queue_set_waitcat(&set, VARN_STATUS, VARN_SRVR_ERR, 0);
-  varn_queue_set_outband(h, set);
-  while (row.last_category != VARN_STATUS && row.last_category != VARN_SRVR_ERR) {
-    if (!varn_recv_read_and_parse_message(1)) break;
-  }
-  varn_queue_reset_outband();
-  varn_queue_free_waitcat(&set);
-  if (row.last_category == VARN_SRVR_ERR) {
+  transport::AwaitRow(h, kStatusAnswer, true);
+  if (row.last_category() == VARN_SRVR_ERR) {
     *status = VARN_STATUS_DEAD;
-    if (row.last_data_len > 0) {
-      std::memcpy(text, varn::transport::SignalBuffer(),
-                  static_cast<std::size_t>(row.last_data_len) + 1);
-    }
+    row.CopyLastText(text);
     return 1;
   }
-  if (row.last_category != VARN_STATUS || row.last_data == nullptr || row.last_data_len == 0) {
+  if (row.last_category() != VARN_STATUS || row.entry().last_data == nullptr ||
+      row.LastLength() == 0) {
     if (VarnErrorNo == 0) VarnErrorNo = VARN_E_DAEMON;
     return 0;
   }
-  char* blank = std::strchr(row.last_data, ' ');
-  if (blank != nullptr) {
-    std::strcpy(text, blank + 1);
-    *blank = '\0';
-  }
   int code = 0;
-  if (!varn_util_status_string_to_code(row.last_data, &code)) {
+  std::string_view rest;
+  std::string payload = row.entry().last_data;
+  bool known = wire::ParseStatusAnswer(payload, &code, &rest);
+  text[rest.copy(text, rest.size())] = '\0';
+  // The row keeps the status word alone, as a cut at the blank leaves it.
+  char* blank = std::strchr(row.entry().last_data, ' ');
+  if (blank != nullptr) *blank = '\0';
+  if (!known) {
     VarnErrorNo = VARN_E_DAEMON;
     return 0;
   }
@@ -288,6 +278,6 @@ extern "C" int varn_query_status(varnHandle h, uint32_t* status, char* text) noe
 }
 
 extern "C" int varn_query_own_address(char* buffer) noexcept {
-  std::sprintf(buffer, "%s@%s", State().pid_text, State().host_name);
+  std::sprintf(buffer, "%s@%s", Fixed().pid_text, Fixed().host_name);
   return 1;
 }

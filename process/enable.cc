@@ -1,28 +1,27 @@
 // The enable and disable lists of server names, the "reinvoke" notice that
 // tells everybody a peer moved, and disconnection. Application's thread.
-#include "process/enable.h"
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "core/api_entry.h"
 #include "core/library_state.h"
+#include "core/rows.h"
+#include "transport/wire_format.h"
 #include "varn.h"
 
 namespace {
 
-using varn::core::State;
+using varn::core::Fixed;
+using varn::core::Row;
+using varn::core::RowState;
+using varn::wire::WithoutRoutePrefix;
+namespace core = varn::core;
 
-// An address without a two-character prefix that starts with "!".
-const char* Bare(const char* address) {
-  if (address != nullptr && address[0] == '!' && address[1] != '\0') return address + 2;
-  return address;
-}
-
-int LowestFreeRow() {
-  int count = varn::core::ActiveCount();
+int LowestFreeRow() REQUIRES(core::kLibrary) {
+  int count = core::ActiveCount();
   for (int i = 0; i < count; ++i) {
     if (VarnMessage[i].state == ENTRY_FREE) return i;
   }
@@ -52,7 +51,7 @@ bool RewriteEnableArgs(VarnEntry& row, const std::string& old_address,
   std::size_t start = p;
   skip_word();
   std::string word = args.substr(start, p - start);
-  if (std::string(Bare(word.c_str())) != old_address) return true;
+  if (WithoutRoutePrefix(word) != old_address) return true;
   std::string before = args.substr(0, start);
   while (!before.empty() && before.back() == ' ') before.pop_back();
   std::size_t rest_at = p;
@@ -65,12 +64,13 @@ bool RewriteEnableArgs(VarnEntry& row, const std::string& old_address,
 }  // namespace
 
 extern "C" int varnP_disable_server_protocal(const char* name) noexcept {
+  core::OnApplicationThread();
   int count = varn::core::ActiveCount();
   for (int i = 0; i < count; ++i) {
     VarnEntry& row = VarnMessage[i];
     if ((row.state == ENTRY_ACTIVE || row.state == ENTRY_DISABLED) && row.name != nullptr &&
         std::strcmp(row.name, name) == 0) {
-      row.state = ENTRY_DISABLED;
+      Row(i).set_state(RowState::kDisabled);
       return 1;
     }
   }
@@ -79,7 +79,7 @@ extern "C" int varnP_disable_server_protocal(const char* name) noexcept {
     VarnErrorNo = VARN_E_TABLE_FULL;
     return 0;
   }
-  VarnMessage[h].state = ENTRY_DISABLED;
+  Row(h).set_state(RowState::kDisabled);
   if (!varn_util_strcpy(&VarnMessage[h].name, name)) return 0;
   return 1;
 }
@@ -87,6 +87,7 @@ extern "C" int varnP_disable_server_protocal(const char* name) noexcept {
 // An enable without an address for a name that is not disabled takes no
 // row: there is nothing to enable and nowhere to send to.
 extern "C" int varnP_enable_server_protocal(const char* name, const char* address) noexcept {
+  core::OnApplicationThread();
   int h = -1;
   bool was_disabled = varn::core::FindDisabledEntry(&h, name) != 0;
   bool with_address = address != nullptr && std::strcmp(address, "default") != 0;
@@ -98,15 +99,15 @@ extern "C" int varnP_enable_server_protocal(const char* name, const char* addres
       return 0;
     }
   }
-  VarnEntry& row = VarnMessage[h];
-  row.state = ENTRY_ACTIVE;
+  Row r(h);
+  VarnEntry& row = r.entry();
+  r.set_state(RowState::kActive);
   if (with_address) {
-    if (!varn_util_strcpy(&row.local_address, State().own_address) ||
+    if (!varn_util_strcpy(&row.local_address, Fixed().own_address) ||
         !varn_util_strcpy(&row.address, address) || !varn_util_strcpy(&row.name, name)) {
       return 0;
     }
-    row.send_stream = 1;
-    row.recv_stream = 1;
+    r.set_streams(core::Stream::kReady, core::Stream::kReady);
     row.enabled_by_address = 1;
     return 1;
   }
@@ -119,6 +120,7 @@ extern "C" int varnP_enable_server_protocal(const char* name, const char* addres
 }
 
 extern "C" int varnP_notify(const char* text) noexcept {
+  core::OnApplicationThread();
   if (text == nullptr) return 1;
   const char* b1 = std::strchr(text, ' ');
   if (b1 == nullptr) return 1;
@@ -130,21 +132,21 @@ extern "C" int varnP_notify(const char* text) noexcept {
   if (verb != "reinvoke" || old_address.empty() || new_address.empty()) return 1;
   int count = varn::core::ActiveCount();
   for (int i = 0; i < count; ++i) {
-    VarnEntry& row = VarnMessage[i];
-    if (row.state == ENTRY_FREE || row.address == nullptr) continue;
-    if (old_address == Bare(row.address)) {
-      std::string updated = new_address;
-      if (row.address[0] == '!' && row.address[1] != '\0') {
-        updated = std::string(row.address, 2) + new_address;
-      }
+    Row r(i);
+    VarnEntry& row = r.entry();
+    if (r.is(RowState::kFree) || row.address == nullptr) continue;
+    std::string_view bare = WithoutRoutePrefix(row.address);
+    if (old_address == bare) {
+      // The route prefix, when there is one, stays in front of the new address.
+      std::string updated =
+          std::string(row.address, std::strlen(row.address) - bare.size()) + new_address;
       if (!varn_util_strcpy(&row.address, updated.c_str())) {
         VarnErrorNo = VARN_E_MALLOC;
         return 0;
       }
-      row.state = ENTRY_ACTIVE;
+      r.set_state(RowState::kActive);
       row.last_data_len = 0;
-      row.send_stream = 1;
-      row.recv_stream = 1;
+      r.set_streams(core::Stream::kReady, core::Stream::kReady);
     }
     if (!RewriteEnableArgs(row, old_address, new_address)) {
       VarnErrorNo = VARN_E_MALLOC;
@@ -155,11 +157,10 @@ extern "C" int varnP_notify(const char* text) noexcept {
 }
 
 extern "C" int varnP_disconnect_process(varnHandle h) noexcept {
-  if (!varn::core::EnterCall(h)) return 0;
-  VarnEntry& row = VarnMessage[h];
-  row.state = ENTRY_FREE;
-  row.last_category = VARN_DETACH;
-  row.send_stream = 0;
-  row.recv_stream = 0;
+  if (!core::EnterCall(h)) return 0;
+  Row row(h);
+  row.set_state(RowState::kFree);
+  row.set_last_category(VARN_DETACH);
+  row.set_streams(core::Stream::kClosed, core::Stream::kClosed);
   return 1;
 }

@@ -8,27 +8,24 @@
 
 #include "core/api_entry.h"
 #include "core/library_state.h"
+#include "core/rows.h"
 #include "platform/system.h"
+#include "transport/await.h"
+#include "transport/channel.h"
+#include "transport/wire_requests.h"
 #include "varn.h"
 
 namespace {
 
-using varn::core::State;
+using varn::core::Fixed;
+using varn::core::Row;
+using varn::core::RowState;
+namespace core = varn::core;
+namespace transport = varn::transport;
+namespace wire = varn::wire;
 
 constexpr std::size_t kErrorTextSize = VARN_STATUS_TEXT_SIZE;
-
-// Wraps text in double quotes when it holds a blank and no double quote.
-std::string Wrap(const std::string& text) {
-  if (text.find(' ') != std::string::npos && text.find('"') == std::string::npos) {
-    return "\"" + text + "\"";
-  }
-  return text;
-}
-
-std::string CommandWord(const char* name, const char* host) {
-  if (host != nullptr && host[0] != '\0') return std::string(host) + ":" + name;
-  return name;
-}
+constexpr transport::CategorySet kStartAnswer = {VARN_ACCEPT, VARN_REJECT, VARN_SRVR_ERR};
 
 int RequestCategory(uint32_t non_velor, uint32_t kind, bool async) {
   if (!non_velor) return async ? VARN_INVOKE_EX : VARN_INVOKE;
@@ -44,12 +41,10 @@ int RequestCategory(uint32_t non_velor, uint32_t kind, bool async) {
   }
 }
 
-// Steps shared by both starts: own address, row fields, request payload.
-bool PrepareStart(varnHandle h, const char* name, const char* host, const char* args,
+// The row's start fields and the request's payload.
+bool PrepareStart(Row& row, const char* name, const char* host, const char* args,
                   const char* workdir, std::string* payload) {
-  // The own address ("pid@host") is not rebuilt here: its parts cannot
-  // change, and the error-forwarding thread reads it without a lock.
-  VarnEntry& row = VarnMessage[h];
+  VarnEntry& e = row.entry();
   std::string dir;
   if (workdir != nullptr && workdir[0] != '\0') {
     dir = workdir;
@@ -57,13 +52,13 @@ bool PrepareStart(varnHandle h, const char* name, const char* host, const char* 
     char cwd[4096];
     dir = varn::platform::CurrentDirectory(cwd, sizeof cwd) ? cwd : ".";
   }
-  std::string wrapped_dir = Wrap(dir);
-  if (!varn_util_strcpy(&row.name, name) || (host && !varn_util_strcpy(&row.host, host)) ||
-      !varn_util_strcpy(&row.args, args) || !varn_util_strcpy(&row.workdir, wrapped_dir.c_str())) {
+  std::string quoted_dir = wire::QuoteField(dir);
+  if (!varn_util_strcpy(&e.name, name) || (host && !varn_util_strcpy(&e.host, host)) ||
+      !varn_util_strcpy(&e.args, args) || !varn_util_strcpy(&e.workdir, quoted_dir.c_str())) {
     return false;
   }
-  *payload = wrapped_dir + " " + Wrap(CommandWord(name, host));
-  if (args != nullptr && args[0] != '\0') *payload += std::string(" ") + args;
+  *payload = wire::BuildStartRequest(dir, wire::CommandWord(name, host ? host : ""),
+                                     args != nullptr ? args : "");
   return true;
 }
 
@@ -73,49 +68,36 @@ void CopyRefusal(char* error_text, const char* text) {
   std::snprintf(error_text, kErrorTextSize, "%s", text ? text : "");
 }
 
-// Reads until the row's last_category is ACCEPT, REJECT or SRVR_ERR.
-void WaitForAnswer(varnHandle h) {
-  int* set = nullptr;
-  varn_queue_set_waitcat(&set, VARN_ACCEPT, VARN_REJECT, VARN_SRVR_ERR, 0);
-  varn_queue_set_outband(h, set);
-  VarnEntry& row = VarnMessage[h];
-  row.last_category = 0;
-  while (row.last_category != VARN_ACCEPT && row.last_category != VARN_REJECT &&
-         row.last_category != VARN_SRVR_ERR) {
-    if (!varn_recv_read_and_parse_message(1)) break;
-  }
-  varn_queue_reset_outband();
-  varn_queue_free_waitcat(&set);
-}
-
 bool HasText(const VarnEntry& row) { return row.last_data != nullptr && row.last_data[0] != '\0'; }
 
-void FillStarted(VarnEntry& row, uint32_t keep, uint32_t non_velor, uint32_t kind) {
-  row.last_data_len = 0;
-  row.send_stream = 1;
-  row.recv_stream = 1;
-  row.keep_entry = keep;
-  row.owned = 1;
-  row.non_velor = non_velor;
-  row.enabled_by_address = 0;
-  row.nonvelor_kind = kind;
-  row.immediate_intr_kill = 0;
+void FillStarted(Row& row, uint32_t keep, uint32_t non_velor, uint32_t kind) {
+  VarnEntry& e = row.entry();
+  e.last_data_len = 0;
+  row.set_streams(core::Stream::kReady, core::Stream::kReady);
+  e.keep_entry = keep;
+  e.owned = 1;
+  e.non_velor = non_velor;
+  e.enabled_by_address = 0;
+  e.nonvelor_kind = kind;
+  e.immediate_intr_kill = 0;
 }
 
-// The first half of both starts: debug simulation, the request category,
-// the row's fields, and the request itself. Returns 1 when the request went
-// out, 2 when debug mode simulated the start, 0 on failure (row freed).
-int SendStart(varnHandle h, const char* name, const char* host, const char* args, uint32_t keep,
-              uint32_t non_velor, char* error_text, uint32_t kind, const char* workdir,
-              bool async) {
+// The first half of both starts: simulation by the channel, the request
+// category, the row's fields, and the request itself. Returns 1 when the
+// request went out, 2 when the channel simulated the start, 0 on failure
+// (row freed).
+int SendStart(varnHandle h, const char* name, const char* host, const char* args,
+              uint32_t non_velor, char* error_text, uint32_t kind, const char* workdir, bool async)
+    REQUIRES(core::kLibrary) {
   if (error_text != nullptr) error_text[0] = '\0';
-  if (varn_debug_true()) {
-    varn_debug_invoke_entry(h, name, host, args, keep, State().opt_outfile);
+  transport::Channel& channel = transport::ActiveChannel();
+  if (channel.SimulatesPeers()) {
+    channel.SimulateStart(h, name);
     return 2;
   }
-  VarnEntry& row = VarnMessage[h];
+  Row row(h);
   auto fail = [&row] {
-    row.state = ENTRY_FREE;
+    row.set_state(RowState::kFree);
     return 0;
   };
   // A non-protocol start of an unknown kind asks nothing, so it must not
@@ -126,17 +108,17 @@ int SendStart(varnHandle h, const char* name, const char* host, const char* args
     return fail();
   }
   std::string payload;
-  if (!PrepareStart(h, name, host, args, workdir, &payload)) return fail();
-  // A synchronous start's answer comes from "quon"; an asynchronous one's
+  if (!PrepareStart(row, name, host, args, workdir, &payload)) return fail();
+  // A synchronous start's answer comes from the hub; an asynchronous one's
   // from the command word, which is what the row's address holds meanwhile.
-  row.state = async ? ENTRY_STARTING : ENTRY_ACTIVE;
-  std::string address = async ? CommandWord(name, host) : "quon";
-  if (!varn_util_strcpy(&row.address, address.c_str()) ||
-      !varn_util_strcpy(&row.local_address, State().own_address)) {
+  row.set_state(async ? RowState::kStarting : RowState::kActive);
+  std::string address = async ? wire::CommandWord(name, host ? host : "") : VARN_HUB_ADDRESS;
+  if (!varn_util_strcpy(&row.entry().address, address.c_str()) ||
+      !varn_util_strcpy(&row.entry().local_address, Fixed().own_address)) {
     return fail();
   }
-  row.last_category = 0;
-  if (!varn_send_packet("quon", State().own_address, category, payload.c_str(), 0)) {
+  row.ClearLast();
+  if (!varn_send_packet(VARN_HUB_ADDRESS, Fixed().own_address, category, payload.c_str(), 0)) {
     return fail();
   }
   return 1;
@@ -148,13 +130,13 @@ using Starter = int (*)(varnHandle, const char*, const char*, const char*, uint3
 int Invoke(varnHandle* h, const char* name, const char* host, const char* args, uint32_t keep,
            char* error_text, uint32_t non_velor, uint32_t kind, const char* workdir,
            Starter start) {
-  if (!varn::core::EnterCall()) return 0;
+  if (!core::EnterCall()) return 0;
   if (name == nullptr || name[0] == '\0') {
     VarnErrorNo = VARN_E_INVOKE;
     return 0;
   }
   int found = -1;
-  if (varn::core::FindDisabledEntry(&found, name)) {
+  if (core::FindDisabledEntry(&found, name)) {
     // Started when the name is enabled.
     VarnEntry& row = VarnMessage[found];
     varn_util_strcpy(&row.address, nullptr);
@@ -163,14 +145,14 @@ int Invoke(varnHandle* h, const char* name, const char* host, const char* args, 
     row.owned = 0;
     row.immediate_intr_kill = 0;
     row.non_velor = non_velor;
-    if (!varn_util_strcpy(&row.host, host ? host : State().host_name) ||
+    if (!varn_util_strcpy(&row.host, host ? host : Fixed().host_name) ||
         !varn_util_strcpy(&row.args, args) || !varn_util_strcpy(&row.workdir, workdir)) {
       return 0;
     }
     *h = found;
     return 1;
   }
-  if (varn::core::FindEnabledEntry(&found, name)) {
+  if (core::FindEnabledEntry(&found, name)) {
     VarnEntry& row = VarnMessage[found];
     row.keep_entry = keep;
     row.owned = 0;
@@ -183,55 +165,64 @@ int Invoke(varnHandle* h, const char* name, const char* host, const char* args, 
   return start(fresh, name, host, args, keep, non_velor, error_text, kind, workdir);
 }
 
+// How a start ends once its answer came (or reading failed): the row is
+// active with the started process's address, or free with the error.
+int FinishStart(Row& row, char* error_text, bool free_on_exit_notice) REQUIRES(core::kLibrary) {
+  switch (row.last_category()) {
+    case VARN_SRVR_ERR:
+      if (free_on_exit_notice) row.set_state(RowState::kFree);
+      VarnErrorNo = VARN_E_INVOKE;
+      return 0;
+    case VARN_REJECT:
+      CopyRefusal(error_text, row.entry().last_data);
+      VarnErrorNo = VARN_E_INVOKE;
+      row.set_state(RowState::kFree);
+      return 0;
+    case VARN_ACCEPT:
+      if (!HasText(row.entry())) {
+        VarnErrorNo = VARN_E_DAEMON;
+        row.set_state(RowState::kFree);
+        return 0;
+      }
+      return 1;
+    default:
+      row.set_state(RowState::kFree);
+      return 0;
+  }
+}
+
 }  // namespace
 
 extern "C" int varnP_invoke_entry(varnHandle h, const char* name, const char* host,
                                   const char* args, uint32_t keep, uint32_t non_velor,
                                   char* error_text, uint32_t kind, const char* workdir) noexcept {
-  int sent = SendStart(h, name, host, args, keep, non_velor, error_text, kind, workdir, false);
+  core::OnApplicationThread();
+  int sent = SendStart(h, name, host, args, non_velor, error_text, kind, workdir, false);
   if (sent != 1) return sent == 2 ? 1 : 0;
-  VarnEntry& row = VarnMessage[h];
-  WaitForAnswer(h);
+  Row row(h);
+  transport::AwaitRow(h, kStartAnswer, true);
   if (VarnErrorNo != 0) {
-    row.state = ENTRY_FREE;
+    row.set_state(RowState::kFree);
     return 0;
   }
-  switch (row.last_category) {
-    case VARN_SRVR_ERR:
-      row.state = ENTRY_FREE;
-      VarnErrorNo = VARN_E_INVOKE;
-      return 0;
-    case VARN_REJECT:
-      CopyRefusal(error_text, row.last_data);
-      VarnErrorNo = VARN_E_INVOKE;
-      row.state = ENTRY_FREE;
-      return 0;
-    case VARN_ACCEPT:
-      if (!HasText(row)) {
-        VarnErrorNo = VARN_E_DAEMON;
-        row.state = ENTRY_FREE;
-        return 0;
-      }
-      row.state = ENTRY_ACTIVE;
-      if (!varn_util_strcpy(&row.address, row.last_data)) {
-        row.state = ENTRY_FREE;
-        return 0;
-      }
-      FillStarted(row, keep, non_velor, kind);
-      return 1;
-    default:
-      row.state = ENTRY_FREE;
-      return 0;
+  if (!FinishStart(row, error_text, true)) return 0;
+  row.set_state(RowState::kActive);
+  if (!varn_util_strcpy(&row.entry().address, row.entry().last_data)) {
+    row.set_state(RowState::kFree);
+    return 0;
   }
+  FillStarted(row, keep, non_velor, kind);
+  return 1;
 }
 
 extern "C" int varnP_invoke_entry_ex(varnHandle h, const char* name, const char* host,
                                      const char* args, uint32_t keep, uint32_t non_velor,
                                      char* error_text, uint32_t kind,
                                      const char* workdir) noexcept {
-  int sent = SendStart(h, name, host, args, keep, non_velor, error_text, kind, workdir, true);
+  core::OnApplicationThread();
+  int sent = SendStart(h, name, host, args, non_velor, error_text, kind, workdir, true);
   if (sent != 1) return sent == 2 ? 1 : 0;
-  VarnEntry& row = VarnMessage[h];
+  Row row(h);
   FillStarted(row, keep, non_velor, kind);
   return 1;
 }
@@ -254,40 +245,24 @@ extern "C" int varn_invoke_nonvelor_program(varnHandle* h, const char* name, con
 }
 
 extern "C" int varn_wait_until_invoked(varnHandle h, char* error_text) noexcept {
-  if (!varn::core::EnterCall(h)) return 0;
-  VarnEntry& row = VarnMessage[h];
-  if (row.state == ENTRY_ACTIVE) return 1;
-  if (row.state != ENTRY_STARTING) {
+  if (!core::EnterCall(h)) return 0;
+  Row row(h);
+  if (row.is(RowState::kActive)) return 1;
+  if (!row.is(RowState::kStarting)) {
     // The answer may already have been handled (a REJECT clears the row).
-    if (row.last_category == VARN_REJECT) VarnErrorNo = VARN_E_INVOKE;
+    if (row.last_category() == VARN_REJECT) VarnErrorNo = VARN_E_INVOKE;
     return 0;
   }
-  WaitForAnswer(h);
-  if (VarnErrorNo != 0 && row.last_category != VARN_REJECT) {
-    row.state = ENTRY_FREE;
+  transport::AwaitRow(h, kStartAnswer, true);
+  if (VarnErrorNo != 0 && row.last_category() != VARN_REJECT) {
+    row.set_state(RowState::kFree);
     return 0;
   }
-  switch (row.last_category) {
-    case VARN_SRVR_ERR:
-      VarnErrorNo = VARN_E_INVOKE;
-      return 0;
-    case VARN_REJECT:
-      CopyRefusal(error_text, row.last_data);
-      VarnErrorNo = VARN_E_INVOKE;
-      row.state = ENTRY_FREE;
-      return 0;
-    case VARN_ACCEPT:
-      if (HasText(row)) return 1;
-      VarnErrorNo = VARN_E_DAEMON;
-      row.state = ENTRY_FREE;
-      return 0;
-    default:
-      row.state = ENTRY_FREE;
-      return 0;
-  }
+  return FinishStart(row, error_text, false);
 }
 
 extern "C" int varnP_reinvoke_process(varnHandle h) noexcept {
+  core::OnApplicationThread();
   VarnEntry& row = VarnMessage[h];
   std::string old_address = row.address ? row.address : "";
   char error_text[kErrorTextSize];
@@ -302,17 +277,18 @@ extern "C" int varnP_reinvoke_process(varnHandle h) noexcept {
     return 0;
   }
   std::string notice = "reinvoke " + old_address + " " + row.address;
-  varn_send_packet("quon", row.local_address, VARN_NOTIFY, notice.c_str(), 0);
+  varn_send_packet(VARN_HUB_ADDRESS, row.local_address, VARN_NOTIFY, notice.c_str(), 0);
   varn_send_serial_protocol_setup_after_reinvoke(h);
   return 1;
 }
 
 extern "C" int varn_send_serial_protocol_setup_after_reinvoke(varnHandle h) noexcept {
+  core::OnApplicationThread();
   const char* payload = "NULL";
-  if (varn::core::ValidHandle(h) && VarnMessage[h].address != nullptr) {
+  if (core::ValidHandle(h) && VarnMessage[h].address != nullptr) {
     payload = VarnMessage[h].address;
   } else if (h == -2) {
-    payload = State().own_address;
+    payload = Fixed().own_address;
   }
-  return varn_send_packet("quon", State().own_address, VARN_ASYNC_DISABLE, payload, 0);
+  return varn_send_packet(VARN_HUB_ADDRESS, Fixed().own_address, VARN_ASYNC_DISABLE, payload, 0);
 }

@@ -12,39 +12,36 @@
 #include "core/api_entry.h"
 #include "core/diag.h"
 #include "core/library_state.h"
+#include "core/remote_file_table.h"
+#include "core/rows.h"
 #include "core/status.h"
 #include "platform/system.h"
-#include "services/debug_mode.h"
+#include "transport/await.h"
+#include "transport/channel.h"
 #include "transport/output.h"
-#include "transport/receive.h"
+#include "transport/upcalls.h"
+#include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 #include "varn.h"
 
 namespace {
 
-using varn::core::State;
-
 using varn::core::EnterCall;
+using varn::core::Fixed;
+using varn::core::Row;
+using varn::core::RowState;
+using varn::core::State;
+namespace core = varn::core;
+namespace transport = varn::transport;
 
-bool PeerDisabled(varnHandle h) {
+bool PeerDisabled(varnHandle h) REQUIRES(core::kLibrary) {
   const char* name = VarnMessage[h].name;
   int d;
-  return name != nullptr && varn::core::FindDisabledEntry(&d, name);
+  return name != nullptr && core::FindDisabledEntry(&d, name);
 }
 
-int SendPlain(const char* destination, int category, const char* payload) {
-  return varn_send_packet(destination, State().own_address, category, payload, 0);
-}
-
-// Waits until the Quon reply row holds one of the given categories; the
-// row is waiting (state 2) for the duration.
-bool WaitForReply(const int* categories, int count) {
-  VarnFileEntry& reply = varn::core::FileTable()[VARN_QUON_REPLY_ROW];
-  for (;;) {
-    for (int i = 0; i < count; ++i) {
-      if (reply.last_category == categories[i]) return true;
-    }
-    if (!varn_recv_read_and_parse_message(1)) return false;
-  }
+int SendToHub(int category, const char* payload) {
+  return varn_send_packet(VARN_HUB_ADDRESS, Fixed().own_address, category, payload, 0);
 }
 
 // Time marks, seconds and milliseconds.
@@ -75,21 +72,21 @@ extern "C" int varn_send_msg(varnHandle h, int category, const char* data,
                              int64_t length) noexcept {
   if (!EnterCall(h)) return 0;
   if (PeerDisabled(h)) return 1;  // messages to a disabled server are dropped
-  VarnEntry& row = VarnMessage[h];
-  if (row.state == ENTRY_EXITED) {
+  Row row(h);
+  if (row.is(RowState::kExited)) {
     if (category == VARN_KILL) {
-      row.send_stream = 0;
-      row.recv_stream = 0;
-      row.state = ENTRY_FREE;
+      row.set_streams(core::Stream::kClosed, core::Stream::kClosed);
+      row.set_state(RowState::kFree);
       return 1;
     }
     if (!varnP_reinvoke_process(h)) return 0;
   }
-  if (row.non_velor && category != VARN_KILL && category != VARN_INTR && category != VARN_DATA) {
+  if (row.entry().non_velor && category != VARN_KILL && category != VARN_INTR &&
+      category != VARN_DATA) {
     VarnErrorNo = VARN_E_NON_VELOR;
     return 0;
   }
-  if (row.state != ENTRY_ACTIVE) {
+  if (!row.is(RowState::kActive)) {
     VarnErrorNo = VARN_E_BAD_HANDLE;
     return 0;
   }
@@ -105,18 +102,13 @@ extern "C" int varn_send_quon_cmd(const char* command) noexcept {
     VarnErrorNo = VARN_E_STANDALONE;
     return 0;
   }
-  VarnFileEntry& reply = varn::core::FileTable()[VARN_QUON_REPLY_ROW];
-  reply.state = 2;
-  reply.last_category = 0;
-  if (!SendPlain("quon", VARN_CMD, command)) {
-    reply.state = 0;
+  core::AwaitingAnswer reply(core::kReplyRow, core::FileRowState::kFree);
+  if (!SendToHub(VARN_CMD, command)) {
     VarnErrorNo = VARN_E_QUON_CMD;
     return 0;
   }
-  static const int kAnswers[] = {VARN_ENAK, VARN_EDONE, VARN_EERROR};
-  bool answered = WaitForReply(kAnswers, 3);
-  reply.state = 0;
-  if (answered && reply.last_category == VARN_EDONE) return 1;
+  bool answered = transport::AwaitAnswer(reply, {VARN_ENAK, VARN_EDONE, VARN_EERROR});
+  if (answered && reply.category() == VARN_EDONE) return 1;
   // A wait that ended without an answer failed to read: the hub is gone
   // (43 stays) and the command cannot be taken as done.
   if (answered) VarnErrorNo = VARN_E_QUON_CMD;
@@ -124,20 +116,18 @@ extern "C" int varn_send_quon_cmd(const char* command) noexcept {
 }
 
 extern "C" int varn_set_chan_mode(int mode) noexcept {
-  char command[64];
-  std::snprintf(command, sizeof command, "set_chan_mode %d", mode);
-  if (!varn_send_quon_cmd(command)) return 0;
+  if (!varn_send_quon_cmd(varn::wire::SetChanModeCommand(mode).c_str())) return 0;
   VarnChanMode = mode;
   return 1;
 }
 
 extern "C" int varn_send_status_to_daemon(int status) noexcept {
-  const char* word = varn::core::StatusWord(status);
+  const char* word = varn::wire::StatusWord(status);
   if (word == nullptr) {
     VarnErrorNo = VARN_E_BAD_STATUS;
     return 0;
   }
-  return SendPlain("quon", VARN_STATUS, word);
+  return SendToHub(VARN_STATUS, word);
 }
 
 extern "C" int varn_send_trace_msg(const char* text) noexcept {
@@ -156,13 +146,14 @@ extern "C" int varn_send_trace_msg(const char* text) noexcept {
   varn::platform::NowSecondsMillis(&seconds, &millis);
   std::snprintf(line, size, "*TRACEPOINT* (%lu.%06lu) %s", static_cast<unsigned long>(seconds),
                 static_cast<unsigned long>(millis) * 1000, text);
-  int r = SendPlain("quon", VARN_STDERR, line);
+  int r = SendToHub(VARN_STDERR, line);
   std::free(line);
   return r;
 }
 
 extern "C" int varn_put_msg_in_queue(varnHandle h, int category, const char* data,
                                      int64_t length) noexcept {
+  core::OnApplicationThread();
   const VarnEntry& row = VarnMessage[h];
   return varn_queue_put_msg(row.address, row.local_address, data, category,
                             length > 0 ? static_cast<size_t>(length) : 0);
@@ -173,40 +164,37 @@ extern "C" int varn_put_msg_in_queue(varnHandle h, int category, const char* dat
 extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_t* length,
                          uint32_t default_category, int force) noexcept {
   if (!EnterCall(h)) return 0;
-  if (PeerDisabled(h) || (varn_debug_true() && force == 0)) {
+  if (PeerDisabled(h) || (transport::ActiveChannel().SimulatesPeers() && force == 0)) {
     *category = default_category;
     if (buffer != nullptr) buffer[0] = '\0';
     *length = 0;
     return 1;
   }
-  VarnEntry& row = VarnMessage[h];
+  Row row(h);
   // Nothing can answer a wait on a row that is not in use (its peer exited
   // and was forgotten): it fails at once instead of waiting for ever.
-  if (row.state == ENTRY_FREE) {
+  if (row.is(RowState::kFree)) {
     VarnErrorNo = VARN_E_CLOSED;
     return 0;
   }
-  row.last_category = 0;
-  row.waiting = 1;
-  varn_queue_set_outband(h, nullptr);
-  for (;;) {
-    if (!varn_recv_read_and_parse_message(1)) {
-      varn_queue_reset_outband();
-      row.waiting = 0;
-      return 0;
-    }
-    uint32_t last = row.last_category;
-    if (last == 0) continue;
-    if (row.immediate_intr_kill && (last == VARN_KILL || last == VARN_INTR)) {
-      row.last_category = 0;  // went to the callback; the wait goes on
-      continue;
-    }
-    break;
+  row.ClearLast();
+  row.set_waiting(true);
+  bool read;
+  {
+    transport::Lane only(h, {});
+    read = transport::AwaitUntil([&row] {
+      int last = row.last_category();
+      if (last == VARN_NONE) return false;
+      if (row.entry().immediate_intr_kill && (last == VARN_KILL || last == VARN_INTR)) {
+        row.ClearLast();  // went to the callback; the wait goes on
+        return false;
+      }
+      return true;
+    });
   }
-  varn_queue_reset_outband();
-  row.waiting = 0;
-  uint32_t last = row.last_category;
-  switch (last) {
+  row.set_waiting(false);
+  if (!read) return 0;
+  switch (row.last_category()) {
     case VARN_KILL:
     case VARN_INTR:
     case VARN_CMD:
@@ -215,19 +203,9 @@ extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_
     case VARN_DATA:
     case VARN_ERROR:
     case VARN_SRVR_ERR:
-      *category = last;
-      *length = static_cast<uint32_t>(row.last_data_len);
-      if (buffer != nullptr) {
-        // KILL, INTR and SRVR_ERR keep their text in the signal buffer; the
-        // row's last_data still holds an older message of another length.
-        bool signal = last == VARN_KILL || last == VARN_INTR || last == VARN_SRVR_ERR;
-        const char* text = signal ? varn::transport::SignalBuffer() : row.last_data;
-        if (text != nullptr && row.last_data_len > 0) {
-          std::memcpy(buffer, text, static_cast<size_t>(row.last_data_len) + 1);
-        } else {
-          buffer[0] = '\0';
-        }
-      }
+      *category = static_cast<uint32_t>(row.last_category());
+      *length = static_cast<uint32_t>(row.LastLength());
+      if (buffer != nullptr) row.CopyLastText(buffer);
       return 1;
     default:
       VarnErrorNo = VARN_E_CATEGORY;
@@ -244,9 +222,10 @@ extern "C" int varn_wait_for_any_from_handle(varnHandle h, uint32_t* category, c
 
 extern "C" int varn_recv_msg_len_new(varnHandle h, uint32_t* category, char* buffer,
                                      uint64_t* length) noexcept {
+  core::OnApplicationThread();
   if (length != nullptr) *length = 0;
   if (VarnErrorNo != 0) return 0;
-  if (!varn::core::ValidHandle(h)) {
+  if (!core::ValidHandle(h)) {
     VarnErrorNo = VARN_E_BAD_HANDLE;
     return 0;
   }
@@ -254,17 +233,11 @@ extern "C" int varn_recv_msg_len_new(varnHandle h, uint32_t* category, char* buf
     VarnErrorNo = VARN_E_DISABLED;
     return 0;
   }
-  const VarnEntry& row = VarnMessage[h];
-  *category = row.last_category;
-  bool signal = row.last_category == VARN_KILL || row.last_category == VARN_INTR ||
-                row.last_category == VARN_SRVR_ERR;
-  const char* text = signal ? varn::transport::SignalBuffer() : row.last_data;
-  if (row.last_data_len == 0 || text == nullptr) {
-    buffer[0] = '\0';
-    return 1;
-  }
-  std::memcpy(buffer, text, static_cast<size_t>(row.last_data_len) + 1);
-  if (length != nullptr) *length = static_cast<uint64_t>(row.last_data_len) + 1;
+  Row row(h);
+  *category = static_cast<uint32_t>(row.last_category());
+  std::size_t n = row.CopyLastText(buffer);
+  // The count includes the terminating NUL.
+  if (length != nullptr && n > 0) *length = static_cast<uint64_t>(n) + 1;
   return 1;
 }
 
@@ -283,7 +256,7 @@ extern "C" int varn_recv_msg(varnHandle h, uint32_t* category, char* buffer) noe
 namespace {
 
 int RecvData(varnHandle h, uint32_t* category, char* buffer, int64_t capacity, uint32_t* length,
-             int lane) {
+             int lane) REQUIRES(core::kLibrary) {
   if (!EnterCall(h)) return 0;
   int cat = 0;
   size_t n = 0;
@@ -312,7 +285,9 @@ extern "C" int varn_read_data(varnHandle h, uint32_t* category, char* buffer,
     VarnErrorNo = VARN_E_DISABLED;
     return 0;
   }
-  if (VarnMessage[h].recv_stream == 2) return RecvData(h, category, buffer, -1, length, 1);
+  if (Row(h).recv_stream() == core::Stream::kStreaming) {
+    return RecvData(h, category, buffer, -1, length, 1);
+  }
   int cat = 0;
   size_t n = 0;
   int r = varn_recv_read_data_from_VarnInStreamData(h, &cat, buffer, &n);
@@ -321,47 +296,22 @@ extern "C" int varn_read_data(varnHandle h, uint32_t* category, char* buffer,
   return r;
 }
 
-// ---- Status, callback, loop -------------------------------------------------
-
-extern "C" int varn_set_status(uint32_t status, const char* text) noexcept {
-  if (status > 3) {
-    VarnErrorNo = VARN_E_BAD_STATUS;
-    return 0;
-  }
-  varn::core::SetStatus(static_cast<int>(status), text);
-  return 1;
-}
+// ---- Callback, loop -----------------------------------------------------------
 
 extern "C" int varn_set_callback(VarnCallback callback) noexcept {
+  core::OnApplicationThread();
   if (!State().initialised) {
     VarnErrorNo = VARN_E_NOT_INIT;
     return 0;
   }
-  State().callback = callback;
+  varnP_set_callback(callback);
   return 1;
 }
 
-extern "C" void varnP_set_callback(VarnCallback callback) noexcept { State().callback = callback; }
-
-extern "C" void varnP_call_callback(varnHandle h) noexcept {
-  VarnCallback callback = State().callback;
-  if (h >= 0 && varn::core::ValidHandle(h)) {
-    VarnEntry& row = VarnMessage[h];
-    if (row.waiting) {
-      if (row.immediate_intr_kill &&
-          (row.last_category == VARN_INTR || row.last_category == VARN_KILL)) {
-        if (callback) callback(h);
-      } else {
-        row.waiting = 0;  // the waiting call takes the message
-      }
-      return;
-    }
-  }
-  if (callback) callback(h);
-}
-
 extern "C" int varn_set_immediate_intr_kill_mode(varnHandle h, uint32_t flag) noexcept {
-  if (!varn::core::ValidHandle(h)) {
+  core::OnApplicationThread();
+  VarnErrorNo = 0;
+  if (!core::ValidHandle(h)) {
     VarnErrorNo = VARN_E_BAD_HANDLE;
     return 0;
   }
@@ -369,9 +319,12 @@ extern "C" int varn_set_immediate_intr_kill_mode(varnHandle h, uint32_t flag) no
   return 1;
 }
 
-extern "C" int KOnvtAccept(void) noexcept { return SendPlain("quon", VARN_STATUS, "IDLE"); }
+extern "C" int KOnvtAccept(void) noexcept {
+  return SendToHub(VARN_STATUS, varn::wire::StatusWord(VARN_STATUS_IDLE));
+}
 
 extern "C" void KOnvtMainLoop(void) noexcept {
+  core::OnApplicationThread();
   if (!State().streams_ready) {
     varn::core::Diag(
         "KOnvtMainLoop: invalid stdio redirection, use -quon_debug or kodaemon, aborting...\n");
@@ -381,11 +334,11 @@ extern "C" void KOnvtMainLoop(void) noexcept {
   for (;;) {
     varn_process_one_message();
     // Once the hub is gone nothing more can arrive: end the process rather
-    // than spin on a channel that is closed.
-    // In debug mode the end of the input ends the run the same way, and
-    // the exit notice is still shown.
+    // than spin on a channel that is closed. A channel that simulates its
+    // peers (debug mode) ends at the end of its input the same way, and
+    // still shows the exit notice.
     if (VarnErrorNo == VARN_E_DAEMON_GONE) {
-      if (varn_debug_true()) VarnErrorNo = 0;
+      if (transport::ActiveChannel().SimulatesPeers()) VarnErrorNo = 0;
       varn_deinit();
     }
   }
@@ -417,6 +370,7 @@ extern "C" int varn_readline(FILE* stream, char* buffer, int /*local*/) noexcept
 }
 
 extern "C" int varn_readlineP(FILE* stream, char** line, int /*local*/) noexcept {
+  core::OnApplicationThread();
   if (stream == nullptr || !varn_init_varn_line()) return 0;
   auto& s = State();
   std::size_t used = 0;

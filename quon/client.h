@@ -12,6 +12,7 @@
 #include "quon/connection.h"
 #include "quon/file_service.h"
 #include "quon/line_channel.h"
+#include "varn_codes.h"
 
 namespace varn::quon {
 
@@ -27,11 +28,11 @@ struct Client {
   ClientKind kind = ClientKind::kProtocol;
   int pid = -1;
   std::string pid_text;
-  std::string address;          // pid@host
-  std::string name;             // program name as it was asked for (argv[0])
-  std::uint64_t parent_id = 0;  // 0: started by the hub itself
-  std::string parent_address;   // the parent's address, or "quon"
-  int status = 1;               // last reported: 0 IDLE, 1 BUSY, 2 DEAD
+  std::string address;            // pid@host
+  std::string name;               // program name as it was asked for (argv[0])
+  std::uint64_t parent_id = 0;    // 0: started by the hub itself
+  std::string parent_address;     // the parent's address, or "quon"
+  int status = VARN_STATUS_BUSY;  // last reported (VARN_STATUS_*)
   bool chan_mode_set = false;
   int chan_mode = 0;
   std::vector<std::string> async_disabled;  // addresses named by ASYNC_DISABLE
@@ -47,7 +48,7 @@ struct Client {
   // Protocol clients.
   std::unique_ptr<Connection::Listener> listener;
   std::unique_ptr<Connection> connection;
-  std::unique_ptr<FileTable> files;
+  std::unique_ptr<OpenFiles> files;
   // Other programs.
   std::unique_ptr<LineReader> output;
   std::unique_ptr<LineReader> errors;

@@ -6,6 +6,7 @@
 
 #include "platform/io.h"
 #include "quon/log.h"
+#include "transport/wire_format.h"
 
 namespace varn::quon {
 namespace {
@@ -16,10 +17,9 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 constexpr std::size_t kReadBudget = 256 * 1024;
 constexpr std::size_t kReadEverything = static_cast<std::size_t>(-1);
 
-// The client's address, or "!" and one more character before it.
+// The client's address, with or without a route prefix.
 bool IsOwnSource(std::string_view source, std::string_view address) {
-  if (source.size() == address.size() + 2 && source[0] == '!') source.remove_prefix(2);
-  return source == address;
+  return source == address || wire::WithoutRoutePrefix(source) == address;
 }
 
 }  // namespace

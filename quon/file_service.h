@@ -19,18 +19,18 @@
 namespace varn::quon {
 
 struct FileReply {
-  int category;         // wire::kFack or wire::kFnak
+  int category;         // VARN_FACK or VARN_FNAK
   std::string payload;  // empty: no payload
 };
 
-class FileTable {
+class OpenFiles {
  public:
   static constexpr std::size_t kMaxOpenFiles = 256;
   // The most bytes one FREAD answers with.
   static constexpr std::size_t kMaxRead = 512 * 1024;
 
-  // root must be open and outlive the table.
-  explicit FileTable(const platform::FilesRoot& root) : root_(root) {}
+  // root must be open and outlive the object.
+  explicit OpenFiles(const platform::FilesRoot& root) : root_(root) {}
 
   // payload is the request's payload as received (padding included).
   FileReply Handle(int category, std::string_view payload);

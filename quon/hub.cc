@@ -13,27 +13,27 @@ namespace {
 // is dropped silently, since nobody waits on its delivery.
 bool IsAnswer(int category) {
   switch (category) {
-    case wire::kAck:
-    case wire::kNak:
-    case wire::kSrvrErr:
-    case wire::kStatus:
-    case wire::kQuery:
-    case wire::kAccept:
-    case wire::kReject:
-    case wire::kDone:
-    case wire::kError:
-    case wire::kPing:
-    case wire::kStderr:
-    case wire::kFack:
-    case wire::kFnak:
-    case wire::kQueryP:
-    case wire::kAack:
-    case wire::kAnak:
-    case wire::kDnak:
-    case wire::kEack:
-    case wire::kEnak:
-    case wire::kEdone:
-    case wire::kEerror:
+    case VARN_ACK:
+    case VARN_NAK:
+    case VARN_SRVR_ERR:
+    case VARN_STATUS:
+    case VARN_QUERY:
+    case VARN_ACCEPT:
+    case VARN_REJECT:
+    case VARN_DONE:
+    case VARN_ERROR:
+    case VARN_PING:
+    case VARN_STDERR:
+    case VARN_FACK:
+    case VARN_FNAK:
+    case VARN_QUERYP:
+    case VARN_AACK:
+    case VARN_ANAK:
+    case VARN_DNAK:
+    case VARN_EACK:
+    case VARN_ENAK:
+    case VARN_EDONE:
+    case VARN_EERROR:
       return true;
     default:
       return false;
@@ -80,8 +80,9 @@ Client* Hub::FindById(std::uint64_t id) {
 
 Client* Hub::FindLive(std::string_view address) {
   auto it = live_by_address_.find(std::string(address));
-  if (it == live_by_address_.end() && address.size() > 2 && address[0] == '!') {
-    it = live_by_address_.find(std::string(address.substr(2)));
+  if (it == live_by_address_.end()) {
+    std::string_view bare = wire::WithoutRoutePrefix(address);
+    if (bare.size() != address.size()) it = live_by_address_.find(std::string(bare));
   }
   return it == live_by_address_.end() ? nullptr : FindById(it->second);
 }
@@ -138,23 +139,23 @@ bool Hub::Relay(Client& from, Client& to, const Packet& packet) {
 bool Hub::AnswerDeadAddress(Client& from, const Packet& packet) {
   log_.Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size);
   if (IsAnswer(packet.category)) return true;
-  return Send(&from, from, from.address, packet.header.destination, wire::kSrvrErr, "not running");
+  return Send(&from, from, from.address, packet.header.destination, VARN_SRVR_ERR, "not running");
 }
 
 bool Hub::ToProgram(Client& from, Client& to, const Packet& packet) {
   log_.Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size);
   switch (packet.category) {
-    case wire::kData: {
+    case VARN_DATA: {
       if (!to.input) return true;
       std::string line(packet.text());
       if (line.empty() || line.back() != '\n') line.push_back('\n');
       to.input->Write(line);
       return NoteCongestion(&from, to);
     }
-    case wire::kIntr:
+    case VARN_INTR:
       platform::SignalProcess(to.pid, SIGINT, true);
       return true;
-    case wire::kKill: {
+    case VARN_KILL: {
       platform::SignalProcess(to.pid, SIGTERM, true);
       if (to.timer == 0) {
         std::uint64_t id = to.id;
@@ -167,12 +168,12 @@ bool Hub::ToProgram(Client& from, Client& to, const Packet& packet) {
       }
       return true;
     }
-    case wire::kStatusQuery:
-      return Send(&from, from, from.address, to.address, wire::kStatus, "BUSY");
-    case wire::kCmd:
-    case wire::kBegin:
-    case wire::kEnd:
-      return Send(&from, from, from.address, to.address, wire::kNak, "not a protocol program");
+    case VARN_STATUS_Q:
+      return Send(&from, from, from.address, to.address, VARN_STATUS, "BUSY");
+    case VARN_CMD:
+    case VARN_BEGIN:
+    case VARN_END:
+      return Send(&from, from, from.address, to.address, VARN_NAK, "not a protocol program");
     default:
       log_.Note(Describe(from) + ": " + std::string(packet.header.word) + " to " + Describe(to) +
                 ", which does not speak the protocol, dropped");
@@ -188,7 +189,7 @@ bool Hub::OnProgramLine(Client& program, std::string_view line) {
   }
   parent->peers.insert(program.id);
   program.peers.insert(parent->id);
-  return Send(&program, *parent, parent->address, program.address, wire::kData, line);
+  return Send(&program, *parent, parent->address, program.address, VARN_DATA, line);
 }
 
 void Hub::OnBadPacket(Client& from, const std::string& reason, int count) {
@@ -236,7 +237,7 @@ void Hub::ResumeWaitingSenders(Client& client) {
 void Hub::Announce(Client& client, std::string_view text) {
   if (!client.live) return;
   client.live = false;
-  client.status = 2;
+  client.status = VARN_STATUS_DEAD;
   live_by_address_.erase(client.address);
   log_.Note(Describe(client) + " " + client.address + " ended: " + std::string(text));
   std::set<std::uint64_t> told;
@@ -245,7 +246,7 @@ void Hub::Announce(Client& client, std::string_view text) {
     if (c == nullptr || c == &client || !c->live || !c->protocol() || !told.insert(id).second) {
       return;
     }
-    Send(nullptr, *c, c->address, client.address, wire::kSrvrErr, text);
+    Send(nullptr, *c, c->address, client.address, VARN_SRVR_ERR, text);
   };
   if (client.parent_id != 0) tell(client.parent_id);
   for (std::uint64_t id : client.peers) tell(id);
@@ -298,7 +299,7 @@ void Hub::Shutdown(int signo) {
   for (auto& [id, c] : clients_) {
     if (c->reaped) continue;
     if (c->protocol()) {
-      if (c->live) Send(nullptr, *c, c->address, wire::kHubAddress, wire::kKill, {});
+      if (c->live) Send(nullptr, *c, c->address, wire::kHubAddress, VARN_KILL, {});
     } else {
       platform::SignalProcess(c->pid, SIGTERM, true);
     }

@@ -25,13 +25,14 @@
 #include "quon/client.h"
 #include "quon/log.h"
 #include "quon/packet_framer.h"
+#include "transport/wire_format.h"
 
 namespace varn::quon {
 
 struct HubConfig {
   std::vector<std::string> extra_path;  // searched before PATH
   bool sockets = false;                 // socketpair instead of two pipes
-  platform::FilesRoot files_root;       // open once, shared by every client's FileTable
+  platform::FilesRoot files_root;       // open once, shared by every client's OpenFiles
   QueueLimits limits;
   int grace_ms = 3000;   // wait for exit notices after KILL before SIGKILL
   int child_stderr = 2;  // descriptor that becomes the clients' fd 2
@@ -95,7 +96,8 @@ class Hub {
   // (when given) as a sender that waits for it.
   bool Send(Client* from, Client& to, std::string_view destination, std::string_view source,
             int category, std::string_view payload);
-  bool Reply(Client& to, int category, std::string_view payload, std::string_view source = "quon");
+  bool Reply(Client& to, int category, std::string_view payload,
+             std::string_view source = wire::kHubAddress);
   bool NoteCongestion(Client* from, Client& to);
 
   Client* FindLive(std::string_view address);

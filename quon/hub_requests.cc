@@ -1,23 +1,16 @@
-// Requests addressed to "quon" itself.
+// Requests addressed to the hub itself.
 #include <charconv>
 
 #include "quon/hub.h"
 #include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 
 namespace varn::quon {
 namespace {
 
-// The last path component without its extension: "/opt/bin/sim.exe" -> "sim".
-std::string_view BareName(std::string_view name) {
-  std::size_t slash = name.rfind('/');
-  if (slash != std::string_view::npos) name.remove_prefix(slash + 1);
-  std::size_t dot = name.rfind('.');
-  if (dot != std::string_view::npos && dot > 0) name = name.substr(0, dot);
-  return name;
-}
-
+// A server name names a program by its full name or by its base name.
 bool NameMatches(std::string_view name, std::string_view wanted) {
-  return name == wanted || BareName(name) == wanted || BareName(name) == BareName(wanted);
+  return name == wanted || wire::ProgramBaseName(name) == wire::ProgramBaseName(wanted);
 }
 
 }  // namespace
@@ -25,68 +18,66 @@ bool NameMatches(std::string_view name, std::string_view wanted) {
 bool Hub::HandleRequest(Client& from, const Packet& packet) {
   std::string_view text = packet.text();
   switch (packet.category) {
-    case wire::kSrvrErr:
+    case VARN_SRVR_ERR:
       // The client's exit notice: acknowledge, then tell those concerned.
       {
-        bool go_on = Reply(from, wire::kAck, {});
+        bool go_on = Reply(from, VARN_ACK, {});
         Announce(from, text);
         return go_on;
       }
-    case wire::kQueryPQuery:
-      return Reply(from, wire::kQueryP, ProcessList());
-    case wire::kQueryQuery:
-      return Reply(from, wire::kQuery, FindServer(text));
-    case wire::kCmd:
+    case VARN_QUERYP_Q:
+      return Reply(from, VARN_QUERYP, ProcessList());
+    case VARN_QUERY_Q:
+      return Reply(from, VARN_QUERY, FindServer(text));
+    case VARN_CMD:
       // Answered with EDONE or EERROR only: a command to the hub gets no ACK.
       return HandleCommand(from, text);
-    case wire::kStatus: {
-      std::string_view word = text.substr(0, text.find(' '));
-      if (word == "IDLE") {
-        from.status = 0;
-      } else if (word == "BUSY") {
-        from.status = 1;
-      } else if (word == "DEAD") {
-        from.status = 2;
+    case VARN_STATUS: {
+      int status = 0;
+      std::string_view rest;
+      if (wire::ParseStatusAnswer(text, &status, &rest)) {
+        from.status = status;
       } else {
+        std::string_view word = text.substr(0, text.find(' '));
         log_.Note(Describe(from) + ": unknown status \"" + Printable(word, 40) + "\" ignored");
       }
       return true;
     }
-    case wire::kStderr:
+    case VARN_STDERR:
       log_.ClientLine(from.name, from.pid_text, Printable(text, 4096));
       return true;
-    case wire::kNotify: {
+    case VARN_NOTIFY: {
       bool go_on = true;
       for (auto& [id, c] : clients_) {
         if (c.get() == &from || !c->live || !c->protocol()) continue;
-        go_on = Send(&from, *c, c->address, wire::kHubAddress, wire::kNotify, text) && go_on;
+        go_on = Send(&from, *c, c->address, wire::kHubAddress, VARN_NOTIFY, text) && go_on;
       }
       return go_on;
     }
-    case wire::kAsyncDisable:
+    case VARN_ASYNC_DISABLE:
       from.async_disabled.emplace_back(text);
       return true;
-    case wire::kInvoke:
-    case wire::kInvokeEx:
-    case wire::kInvokeR:
-    case wire::kInvokeRE:
-    case wire::kInvokeRN:
+    case VARN_INVOKE:
+    case VARN_INVOKE_EX:
+    case VARN_INVOKER:
+    case VARN_INVOKERE:
+    case VARN_INVOKERN:
       return HandleStartRequest(from, packet);
-    case wire::kFopen:
-    case wire::kFclose:
-    case wire::kFread:
-    case wire::kFwrite:
-    case wire::kFrewind:
-    case wire::kFunlink:
-    case wire::kFstat:
-    case wire::kFeof:
-    case wire::kFseek:
-    case wire::kFtell: {
+    case VARN_FOPEN:
+    case VARN_FCLOSE:
+    case VARN_FREAD:
+    case VARN_FWRITE:
+    case VARN_FREWIND:
+    case VARN_FUNLINK:
+    case VARN_FSTAT:
+    case VARN_FEOF:
+    case VARN_FSEEK:
+    case VARN_FTELL: {
       FileReply reply = from.files->Handle(packet.category, packet.raw_payload());
       return Reply(from, reply.category, reply.payload);
     }
-    case wire::kPing:
-    case wire::kAck:
+    case VARN_PING:
+    case VARN_ACK:
       return true;
     default:
       log_.Note(Describe(from) + ": " + std::string(packet.header.word) +
@@ -95,38 +86,32 @@ bool Hub::HandleRequest(Client& from, const Packet& packet) {
   }
 }
 
-bool Hub::HandleCommand(Client& from, std::string_view command) {
-  while (!command.empty() && command.back() == ' ') command.remove_suffix(1);
-  std::string_view verb = command.substr(0, command.find(' '));
-  std::string_view rest =
-      verb.size() < command.size() ? command.substr(verb.size() + 1) : std::string_view();
-  if (verb == "set_chan_mode") {
+bool Hub::HandleCommand(Client& from, std::string_view text) {
+  wire::HubCommand command = wire::ParseHubCommand(text);
+  std::string_view verb = command.verb;
+  std::string_view rest = command.argument;
+  if (verb == wire::kSetChanModeVerb) {
     int mode = 0;
     auto r = std::from_chars(rest.data(), rest.data() + rest.size(), mode);
     if (rest.empty() || r.ec != std::errc() || r.ptr != rest.data() + rest.size()) {
-      return Reply(from, wire::kEerror, "set_chan_mode needs a number");
+      return Reply(from, VARN_EERROR, "set_chan_mode needs a number");
     }
     from.chan_mode = mode;
     from.chan_mode_set = true;
-    return Reply(from, wire::kEdone, {});
+    return Reply(from, VARN_EDONE, {});
   }
-  if (verb == "list" && rest.empty()) return Reply(from, wire::kEdone, ProcessList());
-  if (verb == "queues" && rest.empty()) return Reply(from, wire::kEdone, QueueReport());
-  return Reply(from, wire::kEerror, "unknown command");
+  if (verb == wire::kListCommand && rest.empty()) return Reply(from, VARN_EDONE, ProcessList());
+  if (verb == wire::kQueuesCommand && rest.empty()) return Reply(from, VARN_EDONE, QueueReport());
+  return Reply(from, VARN_EERROR, "unknown command");
 }
 
 std::string Hub::ProcessList() const {
   std::string list;
   for (const auto& [id, c] : clients_) {
     if (!c->live || !c->protocol()) continue;
-    if (!list.empty()) list.push_back(' ');
-    list += c->name;
-    list.push_back(' ');
-    list += c->address;
-    list.push_back(' ');
-    list += c->parent_id != 0 ? c->parent_address : std::string(wire::kHubAddress) + "@" + host_;
-    list.push_back(' ');
-    list += std::to_string(c->status);
+    std::string parent =
+        c->parent_id != 0 ? c->parent_address : std::string(wire::kHubAddress) + "@" + host_;
+    wire::AppendProcessRecord(&list, c->name, c->address, parent, c->status);
   }
   return list;
 }
@@ -143,15 +128,9 @@ std::string Hub::QueueReport() const {
 }
 
 std::string Hub::FindServer(std::string_view query) const {
-  // "ADDRESS:SERVER"; a server name ends at a further colon.
   std::string_view owner;
-  std::string_view server = query;
-  std::size_t colon = query.find(':');
-  if (colon != std::string_view::npos) {
-    owner = query.substr(0, colon);
-    server = query.substr(colon + 1);
-    server = server.substr(0, server.find(':'));
-  }
+  std::string_view server;
+  wire::ParseServerQuery(query, &owner, &server);
   if (server.empty()) return {};
   const Client* any = nullptr;
   for (const auto& [id, c] : clients_) {

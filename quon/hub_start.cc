@@ -6,6 +6,7 @@
 #include "quon/hub.h"
 #include "quon/start_request.h"
 #include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 
 namespace varn::quon {
 namespace {
@@ -174,7 +175,7 @@ Client* Hub::StartClient(ClientKind kind, const std::string& program,
     c.listener = std::make_unique<ClientChannel>(*this, c);
     c.connection = std::make_unique<Connection>(loop_, hub_read, hub_write, c.address,
                                                 c.listener.get(), config_.limits);
-    c.files = std::make_unique<FileTable>(config_.files_root);
+    c.files = std::make_unique<OpenFiles>(config_.files_root);
     c.connection->Start();
   } else {
     std::uint64_t id = c.id;
@@ -207,14 +208,13 @@ Client* Hub::StartClient(ClientKind kind, const std::string& program,
 }
 
 bool Hub::HandleStartRequest(Client& from, const Packet& packet) {
-  StartRequest request;
+  wire::StartRequest request;
   std::string error;
-  bool parsed = ParseStartRequest(packet.text(), &request, &error);
+  bool parsed = wire::ParseStartRequest(packet.text(), &request, &error);
   // The asynchronous start is answered from the command word, which is how
   // the caller's pending row is found.
-  std::string source = packet.category == wire::kInvokeEx && parsed
-                           ? request.command
-                           : std::string(wire::kHubAddress);
+  std::string source = packet.category == VARN_INVOKE_EX && parsed ? request.command
+                                                                   : std::string(wire::kHubAddress);
   std::vector<std::string> args;
   if (parsed && !request.host.empty() && request.host != host_ && request.host != "localhost") {
     error = "unknown host " + request.host;
@@ -225,17 +225,17 @@ bool Hub::HandleStartRequest(Client& from, const Packet& packet) {
   if (parsed && shutting_down_) {
     error = "the hub is shutting down";
   } else if (parsed) {
-    ClientKind kind = packet.category == wire::kInvokeR    ? ClientKind::kLines
-                      : packet.category == wire::kInvokeRE ? ClientKind::kLinesAndErr
-                      : packet.category == wire::kInvokeRN ? ClientKind::kSilent
-                                                           : ClientKind::kProtocol;
+    ClientKind kind = packet.category == VARN_INVOKER    ? ClientKind::kLines
+                      : packet.category == VARN_INVOKERE ? ClientKind::kLinesAndErr
+                      : packet.category == VARN_INVOKERN ? ClientKind::kSilent
+                                                         : ClientKind::kProtocol;
     started = StartClient(kind, request.program, args, request.directory, &from, &error);
   }
   if (started == nullptr) {
     log_.Note(Describe(from) + ": start refused: " + error);
-    return Reply(from, wire::kReject, error, source);
+    return Reply(from, VARN_REJECT, error, source);
   }
-  return Reply(from, wire::kAccept, started->address, source);
+  return Reply(from, VARN_ACCEPT, started->address, source);
 }
 
 }  // namespace varn::quon

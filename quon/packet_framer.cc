@@ -1,5 +1,7 @@
 #include "quon/packet_framer.h"
 
+#include "transport/wire_requests.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -11,12 +13,7 @@ std::string_view Packet::raw_payload() const {
                           header.payload_length);
 }
 
-std::string_view Packet::text() const { return WithoutPadding(raw_payload()); }
-
-std::string_view WithoutPadding(std::string_view payload) {
-  while (!payload.empty() && payload.back() == '\0') payload.remove_suffix(1);
-  return payload;
-}
+std::string_view Packet::text() const { return wire::WithoutPadding(raw_payload()); }
 
 char* PacketFramer::Reserve(std::size_t want) {
   if (tail_ + want > bytes_.size()) {

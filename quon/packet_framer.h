@@ -53,9 +53,6 @@ class PacketFramer {
   std::size_t skip_ = 0;  // bytes of an oversized packet still to discard
 };
 
-// Strips the NUL padding from the end of a payload.
-std::string_view WithoutPadding(std::string_view payload);
-
 }  // namespace varn::quon
 
 #endif  // VARN_QUON_PACKET_FRAMER_H_

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Checks the tree's own rules after a build:
+#   - the folders call one way (scripts/check-layers.sh);
 #   - only platform/ (and tests, benchmarks) call the operating system directly;
 #   - libvarn.so exports exactly the names that include/varn.h declares;
 #   - every source file is clang-formatted.
@@ -9,9 +10,12 @@ cd "$(dirname "$0")/.."
 build="${1:-build}"
 status=0
 
+scripts/check-layers.sh "$build" || status=1
+
 leaks=$(grep -rln --include='*.cc' --include='*.h' \
   -E '#include <(sys/[a-z_]+\.h|unistd\.h|pthread\.h|fcntl\.h|poll\.h)>' \
-  core transport process services host quon include examples || true)
+  core transport process services remote_file script plugin host quon include examples \
+  2>/dev/null || true)
 if [ -n "$leaks" ]; then
   echo "check-tree: operating-system headers outside platform/:"; echo "$leaks"; status=1
 fi

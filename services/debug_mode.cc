@@ -1,29 +1,43 @@
-// Debug mode: input lines become messages from the developer at the
-// terminal ("VarnDebugSrcStr"), and what the program sends is written as
-// lines on standard output (and into the debug input file of a started
-// program). Runs on the application's thread.
-#include "services/debug_mode.h"
-
+// Debug mode: a program runs alone from a terminal. Input lines become
+// messages from the developer at the terminal ("VarnDebugSrcStr"), and what
+// the program sends is written as lines on standard output (and into the
+// debug input file of a program it would have started). Peers are not
+// reached: starts, status queries and the answers to commands are
+// simulated.
+//
+// Debug mode is a channel of the transport (transport/channel.h): it
+// registers itself while the library loads, and varn_init makes it the
+// active channel when -quon_debug is given. The varn_debug_ calls are its
+// exported pieces; each returns 0, "not handled", when debug mode is off.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "core/diag.h"
 #include "core/library_state.h"
+#include "core/rows.h"
 #include "host/lorn_path.h"
+#include "platform/io.h"
+#include "transport/channel.h"
 #include "transport/input_thread.h"
 #include "varn.h"
 
 namespace {
 
 using varn::core::Diag;
+using varn::core::Fixed;
 using varn::core::State;
+namespace core = varn::core;
+namespace transport = varn::transport;
 
 constexpr int64_t kLineBlock = 1000000;
+// The longest input line; a longer one is handed on in pieces of this size,
+// so nothing is lost and no buffer is overrun.
+constexpr std::size_t kLineMax = 999999;
 char g_source[] = "VarnDebugSrcStr";
 char g_destination[] = "VarnDebugDesStr";
 
-bool On() { return State().debug_flag; }
+bool On() { return Fixed().debug_flag; }
 
 bool Skippable(const char* line) {
   if (line[0] == '\0' || line[0] == '#') return true;
@@ -51,27 +65,27 @@ void OutLine(FILE* file, const char* word, const char* payload, bool word_alone_
 
 }  // namespace
 
-extern "C" int varn_debug_true(void) noexcept { return State().debug_flag ? 1 : 0; }
+extern "C" int varn_debug_true(void) noexcept { return On() ? 1 : 0; }
 
 // At the end of the input nothing more can come: the call fails with 43,
 // as if the hub were gone, so that waits end and the main loop finishes the
 // run instead of reading a closed input for ever.
 extern "C" int varn_debug_get_message_str(char** line, size_t* length) noexcept {
+  varn::core::OnApplicationThread();
   if (!On()) return 0;
   for (;;) {
-    char* block = nullptr;
-    std::size_t n = 0;
-    if (!varn::transport::TakeDebugLine(&block, &n)) {
+    transport::PacketBody body;
+    if (!transport::TakeHandedOver(&body)) {
       Diag("read failed\n");
       VarnErrorNo = VARN_E_DAEMON_GONE;
       return 0;
     }
+    char* block = body.data;
     block[std::strcspn(block, "\r\n")] = '\0';
     if (Skippable(block)) {
       std::free(block);
       continue;
     }
-    varn::transport::CountPacketTaken();
     *line = block;
     *length = std::strlen(block);
     return 1;
@@ -107,26 +121,15 @@ extern "C" int varn_debug_parse_message(char* line, char** destination, char** s
 extern "C" int varn_debug_save_data(varnHandle h, const char* destination, const char* source,
                                     int category, const char* payload, uint32_t recv_stream,
                                     uint32_t send_stream) noexcept {
+  varn::core::OnApplicationThread();
   if (!On()) return 0;
-  VarnEntry& row = VarnMessage[h];
-  if (!varn_util_strcpy(&row.local_address, destination) ||
-      !varn_util_strcpy(&row.address, source)) {
+  core::Row row(h);
+  if (!row.Store(destination, source, category, payload,
+                 payload != nullptr ? std::strlen(payload) : 0)) {
     return 0;
   }
-  row.last_category = static_cast<uint32_t>(category);
-  std::free(row.last_data);
-  row.last_data = nullptr;
-  row.last_data_len = 0;
-  if (payload != nullptr) {
-    row.last_data = strdup(payload);
-    if (row.last_data == nullptr) {
-      VarnErrorNo = VARN_E_MALLOC;
-      return 0;
-    }
-    row.last_data_len = static_cast<int64_t>(std::strlen(payload));
-  }
-  row.recv_stream = recv_stream;
-  row.send_stream = send_stream;
+  row.set_recv_stream(static_cast<core::Stream>(recv_stream));
+  row.set_send_stream(static_cast<core::Stream>(send_stream));
   return 1;
 }
 
@@ -136,6 +139,7 @@ extern "C" int varn_debug_save_data(varnHandle h, const char* destination, const
 // stream's END does outside debug mode.
 extern "C" int varn_debug_read_data(varnHandle h, int* category, char* buffer, int64_t capacity,
                                     size_t* length) noexcept {
+  varn::core::OnApplicationThread();
   if (!On()) return 0;
   if (capacity >= 0 && capacity < kLineBlock) {
     *length = kLineBlock;
@@ -148,7 +152,7 @@ extern "C" int varn_debug_read_data(varnHandle h, int* category, char* buffer, i
     Diag("varn_debug_read_data\n");
     return 0;
   }
-  VarnEntry& row = VarnMessage[h];
+  VarnEntry& row = core::Row(h).entry();
   if (std::strncmp(line, "END", 3) == 0 && (line[3] == '\0' || line[3] == ' ')) {
     *category = VARN_END;
     const char* text = line[3] == ' ' ? line + 4 : "";
@@ -170,20 +174,19 @@ extern "C" int varn_debug_read_data(varnHandle h, int* category, char* buffer, i
 
 extern "C" int varn_debug_send_message(varnHandle h, int category, const char* payload,
                                        uint32_t send_stream) noexcept {
+  varn::core::OnApplicationThread();
   if (!On()) return 0;
-  VarnEntry& row = VarnMessage[h];
-  FILE* file = row.debug_input != nullptr && row.debug_input != stderr ? row.debug_input : nullptr;
-  if (category != VARN_DATA) {
-    row.send_stream = 1;
-    row.recv_stream = 1;
-  }
+  core::Row row(h);
+  FILE* input = row.entry().debug_input;
+  FILE* file = input != nullptr && input != stderr ? input : nullptr;
+  if (category != VARN_DATA) row.set_streams(core::Stream::kReady, core::Stream::kReady);
   bool peer_done = false;
   switch (category) {
     case VARN_KILL:
-      row.send_stream = 0;
-      row.recv_stream = 0;
-      row.state = ENTRY_FREE;
-      row.last_category = VARN_SRVR_ERR;
+      // The peer is taken as gone.
+      row.set_streams(core::Stream::kClosed, core::Stream::kClosed);
+      row.set_state(core::RowState::kFree);
+      row.set_last_category(VARN_SRVR_ERR);
       varnP_call_callback(h);
       Out(file, "KILL");
       break;
@@ -204,26 +207,25 @@ extern "C" int varn_debug_send_message(varnHandle h, int category, const char* p
       break;
     case VARN_BEGIN:
       OutLine(file, "BEGIN", payload ? payload : "", false);
-      row.send_stream = 2;
+      row.set_send_stream(core::Stream::kStreaming);
       break;
     case VARN_END:
       OutLine(file, "END", payload, true);
       peer_done = true;
       break;
     case VARN_DATA:
-      if (send_stream == 2) {
-        row.send_stream = 2;
+      if (static_cast<core::Stream>(send_stream) == core::Stream::kStreaming) {
+        row.set_send_stream(core::Stream::kStreaming);
         Out(nullptr, payload ? payload : "");
       } else {
         OutLine(file, "DATA", payload ? payload : "", false);
       }
       break;
     case VARN_SRVR_ERR:
-      row.send_stream = 0;
-      row.recv_stream = 0;
+      row.set_streams(core::Stream::kClosed, core::Stream::kClosed);
       std::fputs("SRVR_ERR\n", stdout);
       std::fflush(stdout);
-      varn::transport::EndProcess(0);
+      transport::EndProcess(0);
     default:
       break;
   }
@@ -232,9 +234,9 @@ extern "C" int varn_debug_send_message(varnHandle h, int category, const char* p
   if (file != nullptr) std::fflush(file);
   if (peer_done) {
     // The peer is taken as having done the command at once.
-    row.last_category = VARN_DONE;
+    row.set_last_category(VARN_DONE);
     varnP_call_callback(h);
-    row.send_stream = 1;
+    row.set_send_stream(core::Stream::kReady);
   }
   return 1;
 }
@@ -244,12 +246,13 @@ extern "C" int varn_debug_send_message(varnHandle h, int category, const char* p
 extern "C" int varn_debug_invoke_entry(varnHandle h, const char* program, const char* /*host*/,
                                        const char* /*args*/, uint32_t /*keep*/,
                                        const char* prefix) noexcept {
+  varn::core::OnApplicationThread();
   if (!On()) return 0;
-  VarnEntry& row = VarnMessage[h];
-  row.state = ENTRY_ACTIVE;
-  row.send_stream = 1;
-  row.recv_stream = 1;
-  row.last_category = 0;
+  core::Row r(h);
+  VarnEntry& row = r.entry();
+  r.set_state(core::RowState::kActive);
+  r.set_streams(core::Stream::kReady, core::Stream::kReady);
+  r.ClearLast();
   row.owned = 1;
   char name[256];
   int n = prefix != nullptr ? std::snprintf(name, sizeof name, "%s.%s", prefix, program)
@@ -267,7 +270,7 @@ extern "C" int varn_debug_invoke_entry(varnHandle h, const char* program, const 
     Diag("Program %s's input goes to stderr\n", program);
   }
   if (!varn_util_strcpy(&row.name, program) ||
-      !varn_util_strcpy(&row.local_address, State().own_address) ||
+      !varn_util_strcpy(&row.local_address, Fixed().own_address) ||
       !varn_util_strcpy(&row.address, name)) {
     return 0;
   }
@@ -280,3 +283,100 @@ extern "C" int varn_debug_query_status(varnHandle /*h*/, uint32_t* status, char*
   std::strcpy(text, "In Debug Mode");
   return 1;
 }
+
+namespace {
+
+// Standard input, line by line. A line that is only a carriage return and
+// a line feed is not a line. At the end of the input the hand-over closes.
+void LineLoop() {
+  char* line = static_cast<char*>(std::malloc(kLineMax + 2));
+  if (line == nullptr) {
+    transport::CloseHandOver();
+    return;
+  }
+  std::size_t used = 0;
+  for (;;) {
+    char c;
+    long n = varn::platform::ReadSome(Fixed().quonin_fd, &c, 1);
+    if (n <= 0) {
+      if (n < 0) Diag("@@@ ReadFile() failed\n");  // the plain end of input is no failure
+      break;
+    }
+    line[used++] = c;
+    bool end = c == '\n' || used == kLineMax;
+    if (!end) continue;
+    if (used == 2 && line[0] == '\r' && line[1] == '\n') {
+      used = 0;
+      continue;
+    }
+    line[used] = '\0';
+    int count = transport::NextInputCount();
+    if (Fixed().trace) {
+      Diag("@@@ + inComing[%d]=%s", count, line);
+      Diag("@@@ + WriteFile[%d]=%s", count, line);
+    }
+    transport::PacketBody p{static_cast<char*>(std::malloc(used + 1)), used};
+    if (p.data != nullptr) {
+      std::memcpy(p.data, line, used + 1);
+      transport::HandToApplication(p);
+    }
+    used = 0;
+  }
+  std::free(line);
+  transport::CloseHandOver();
+}
+
+class DebugChannel final : public transport::Channel {
+ public:
+  void RunInput() override { LineLoop(); }
+
+  bool TakeBody(char** body, std::size_t* length) override {
+    return varn_debug_get_message_str(body, length) != 0;
+  }
+
+  bool Split(char* body, std::size_t /*length*/, transport::Message* m) override {
+    m->body = body;
+    varn_debug_parse_message(body, &m->destination, &m->source, &m->category, &m->payload);
+    m->length = m->payload != nullptr ? std::strlen(m->payload) : 0;
+    return true;
+  }
+
+  bool WritesPackets() const override { return false; }
+  int WritePacket(char* /*packet*/, std::size_t /*size*/) override { return 0; }
+
+  bool StoreInRow(int h, const char* destination, const char* source, int category,
+                  const char* payload, std::size_t /*length*/, std::uint32_t recv_stream,
+                  std::uint32_t send_stream) override {
+    return varn_debug_save_data(h, destination, source, category, payload, recv_stream,
+                                send_stream) != 0;
+  }
+
+  int ReadStream(int h, int* category, char* buffer, std::int64_t size, std::size_t* length,
+                 StreamRead /*how*/) override {
+    if (!varn_debug_read_data(h, category, buffer, size, length)) return 0;
+    return VarnErrorNo == VARN_E_TOO_LONG ? 0 : 1;
+  }
+
+  int SendToRow(int h, int category, const char* payload, std::size_t /*length*/) override {
+    return varn_debug_send_message(h, category, payload, VarnMessage[h].send_stream);
+  }
+
+  bool SimulatesPeers() const override { return true; }
+
+  int SimulateStart(int h, const char* program) override {
+    return varn_debug_invoke_entry(h, program, nullptr, nullptr, 0, State().opt_outfile);
+  }
+
+  int SimulateStatus(int h, std::uint32_t* status, char* text) override {
+    return varn_debug_query_status(h, status, text);
+  }
+};
+
+DebugChannel g_debug_channel;
+
+// Registers the channel while the library loads.
+struct Registration {
+  Registration() { transport::RegisterDebugChannel(&g_debug_channel); }
+} g_registration;
+
+}  // namespace

@@ -14,14 +14,15 @@ namespace wire = varn::wire;
 
 constexpr std::size_t kStartCapacity = 32768;
 
-char g_destination[1024];  // empty: no batch open
-char* g_buffer = nullptr;
-std::size_t g_capacity = 0;
-std::size_t g_length = 0;  // bytes of the packet under construction, header space included
+char g_destination[1024] GUARDED_BY(varn::core::kLibrary);  // empty: no batch open
+char* g_buffer GUARDED_BY(varn::core::kLibrary) = nullptr;
+std::size_t g_capacity GUARDED_BY(varn::core::kLibrary) = 0;
+// Bytes of the packet under construction, header space included.
+std::size_t g_length GUARDED_BY(varn::core::kLibrary) = 0;
 
 std::size_t HeaderSize(const char* destination) {
-  return wire::kLengthDigits + std::strlen(destination) + 1 +
-         std::strlen(varn::core::State().own_address) + 1 + std::strlen("DATA") + 1;
+  return wire::HeaderSize(destination, varn::core::Fixed().own_address,
+                          wire::CategoryWord(VARN_DATA));
 }
 
 // Size of the batch packet once `used` bytes (header space included) are
@@ -93,10 +94,10 @@ extern "C" int varnP_data_batch_flush(void) noexcept {
   std::size_t p = wire::PaddingFor(c);
   std::size_t body = c + p;
   std::memset(g_buffer + g_length, 0, p);
-  char header[1400];
-  int n = std::snprintf(header, sizeof header, "%06zu%s %s %s ", body, g_destination,
-                        varn::core::State().own_address, "DATA");
-  std::memcpy(g_buffer, header, static_cast<std::size_t>(n));
+  // The header goes into the space kept for it in front of the records.
+  char* end = wire::WriteHeader(g_buffer, body, g_destination, varn::core::Fixed().own_address,
+                                wire::CategoryWord(VARN_DATA));
+  *end = ' ';
   if (!varnP_write_packet(g_buffer, wire::kLengthDigits + body)) return 0;
   g_length = 0;
   g_buffer[0] = '\0';

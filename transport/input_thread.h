@@ -1,21 +1,36 @@
-// The input thread, the error-forwarding thread, and the application
-// thread's end of the hand-over between them.
+// The library's own threads and the end of the process.
 //
-// The input thread reads whole packets from the channel to the hub, drops
-// PING, handles INTR and KILL itself while it holds the application's thread
-// still, and hands every other packet over in order. When the channel ends
-// or fails it stops reading and hands over, from then on, the hub's loss (a
-// SRVR_ERR from "quon"), so that every wait ends with error 43.
+// The input thread runs the active channel's reading loop
+// (Channel::RunInput) and hands what it reads to the application's thread
+// through one HandOver. In socket mode the error-forwarding thread sends
+// every line the process writes to its error stream to the hub as STDERR.
+//
+// Thread ownership:
+//   - the hand-over: producer the input thread, consumer the application's
+//     thread (its own mutex, hand_over.h);
+//   - the threads' started flags and the error pipe: the application's
+//     thread (varn_init, varn_deinit);
+//   - the input thread's id: written once by the input thread, read by any;
+//   - everything else of the library: the application's thread, and the
+//     input thread only while it holds the application's thread still
+//     (core/library_lock.h).
 #ifndef VARN_TRANSPORT_INPUT_THREAD_H_
 #define VARN_TRANSPORT_INPUT_THREAD_H_
 
 #include <cstddef>
 
+#include "core/library_lock.h"
+#include "transport/hand_over.h"
+
 namespace varn::transport {
 
-// Socket mode: creates the error pipe (its write end becomes
-// State().error_fd) and starts the thread that forwards its lines as STDERR.
-bool StartErrorForwarding();
+// Socket mode: creates the error pipe (its write end becomes the error
+// descriptor) and starts the thread that forwards its lines as STDERR.
+bool StartErrorForwarding() REQUIRES(core::kLibrary);
+// Passes on what the application wrote to its error stream and output,
+// then stops the error-forwarding thread (waiting at most 2 s). Standard
+// output and error go to the null device afterwards.
+void StopErrorForwarding() REQUIRES(core::kLibrary);
 
 // Ends the process with status through a normal exit (exit handlers run,
 // stdio streams are flushed). On the input thread (KILL), where the held
@@ -23,17 +38,20 @@ bool StartErrorForwarding();
 // ends the process without them if they have not finished within 2 s.
 [[noreturn]] void EndProcess(int status);
 
-// Socket mode: passes on what the application wrote to its error stream
-// and output, then stops the error-forwarding thread (waiting at most 2 s).
-// Standard output and error go to the null device afterwards.
-void StopErrorForwarding();
+bool OnInputThread();
 
-// Debug mode: the next input line (a malloc'd block the caller frees, NUL
-// after the line, line feed removed by the caller). False at end of input.
-bool TakeDebugLine(char** line, std::size_t* length);
+// The input thread's side of the hand-over.
+void HandToApplication(PacketBody body);
+void HandToApplicationLast(PacketBody body);
+void CloseHandOver();
+// The application's side: the next body; false once the input has ended
+// and everything was taken.
+bool TakeHandedOver(PacketBody* body) REQUIRES(core::kLibrary);
 
-// The waiting-packet count (lines in debug mode), lowered by the taker.
-void CountPacketTaken();
+// Counters of the trace lines: messages read by the input thread, and
+// taken by the application's thread.
+int NextInputCount();
+int NextTakenCount() REQUIRES(core::kLibrary);
 
 }  // namespace varn::transport
 

@@ -6,26 +6,27 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include "core/diag.h"
 #include "core/library_state.h"
 #include "platform/io.h"
+#include "platform/mutex.h"
 #include "platform/thread.h"
-#include "services/debug_mode.h"
+#include "transport/channel.h"
 #include "transport/data_batch.h"
+#include "transport/hub_channel.h"
 #include "transport/wire_format.h"
 #include "varn.h"
 
 namespace {
 
-using varn::core::State;
+using varn::core::Fixed;
 namespace wire = varn::wire;
 namespace platform = varn::platform;
 
 std::recursive_mutex g_send_lock;
-std::timed_mutex g_wire_lock;
+platform::TimedMutex g_wire_lock;
 std::atomic<int> g_trace_counter{1};
 
 // How long an interrupt waits for the wire lock held by another sender
@@ -38,8 +39,8 @@ thread_local bool t_private_buffer = false;
 thread_local bool t_wire_only = false;
 
 // The shared packet buffer: owned by the application's thread.
-char* g_shared = nullptr;
-std::size_t g_shared_capacity = 0;
+char* g_shared GUARDED_BY(varn::core::kLibrary) = nullptr;
+std::size_t g_shared_capacity GUARDED_BY(varn::core::kLibrary) = 0;
 
 // Buffer of a thread that does not use the shared one.
 std::vector<char>& PrivateBuffer() {
@@ -48,8 +49,9 @@ std::vector<char>& PrivateBuffer() {
 }
 
 // A buffer with more than `body + 7` bytes for the calling thread; grows
-// to body + 7 + 5800 so that a run of similar packets allocates once.
-char* PacketBuffer(std::size_t body) {
+// to body + 7 + 5800 so that a run of similar packets allocates once. A
+// thread without a buffer of its own is the application's thread.
+char* PacketBuffer(std::size_t body) NO_THREAD_SAFETY_ANALYSIS {
   std::size_t need = body + 7 + VARN_STATUS_TEXT_SIZE;
   if (t_private_buffer) {
     auto& b = PrivateBuffer();
@@ -67,16 +69,16 @@ char* PacketBuffer(std::size_t body) {
 
 // Takes the wire lock as the calling thread may. False when an interrupt
 // cannot have it.
-bool LockWire() {
+bool LockWire() TRY_ACQUIRE(true, g_wire_lock) {
   if (!t_interrupt_context) {
-    g_wire_lock.lock();
+    g_wire_lock.Lock();
     return true;
   }
   if (t_interrupt_wire_busy) return false;
-  return g_wire_lock.try_lock_for(kInterruptWireWait);
+  return g_wire_lock.TryLockFor(kInterruptWireWait);
 }
 
-// Writes a whole packet; 0 or the error number.
+// Writes a whole packet to the hub; 0 or the error number.
 int WritePacket(char* buffer, std::size_t size) {
   varn::transport::SendLockGuard send_lock;
   {
@@ -84,38 +86,47 @@ int WritePacket(char* buffer, std::size_t size) {
     // channel waits until the packet is whole.
     platform::DeferHoldScope defer;
     if (!LockWire()) return VARN_E_PIPE_WRITE;
-    std::lock_guard<std::timed_mutex> wire_lock(g_wire_lock, std::adopt_lock);
     std::size_t done = 0;
+    int error = 0;
     while (done < size) {
       std::size_t written = 0;
-      bool ok = write_file_win(State().quonout_fd, buffer + done, size - done, &written);
+      bool ok = write_file_win(Fixed().quonout_fd, buffer + done, size - done, &written);
       done += written;
       if (!ok && done < size) {
         int e = platform::LastError();
         if (e == EINTR || e == EAGAIN) continue;  // nothing lost: try the rest again
-        return VARN_E_PIPE_WRITE;
+        error = VARN_E_PIPE_WRITE;
+        break;
       }
     }
+    g_wire_lock.Unlock();
+    if (error != 0) return error;
   }
   // Packets sent outside exchanges are not traced: the error-forwarding
   // thread's trace line would go back into the error pipe and be forwarded
   // again.
-  if (State().trace && !t_wire_only) {
+  if (Fixed().trace && !t_wire_only) {
     buffer[size] = '\0';
     varn::core::Diag(">>> quonout ---> %d [%s]\n", g_trace_counter.fetch_add(1), buffer);
   }
   return 0;
 }
 
-// Builds a packet into buf (capacity > packet size) and writes it.
+// Builds a packet into buf (capacity > packet size) and writes it with
+// `write` (the hub, or the active channel).
 int BuildAndWrite(char* buf, std::size_t capacity, const char* destination, const char* source,
-                  int category, const void* payload, std::size_t length) {
+                  int category, const void* payload, std::size_t length,
+                  int (*write)(char*, std::size_t) = WritePacket) {
   std::size_t size = 0;
   wire::WireError e = wire::BuildPacket(buf, capacity, destination ? destination : "",
                                         source ? source : "", category, payload, length, &size);
   if (e != wire::WireError::kOk) return static_cast<int>(e);
   buf[size] = '\0';  // the spare byte, for the trace line
-  return WritePacket(buf, size);
+  return write(buf, size);
+}
+
+int WriteToActiveChannel(char* packet, std::size_t size) {
+  return varn::transport::ActiveChannel().WritePacket(packet, size);
 }
 
 int Fail(int error) {
@@ -126,6 +137,8 @@ int Fail(int error) {
 }  // namespace
 
 namespace varn::transport {
+
+int WriteToHub(char* packet, std::size_t size) { return WritePacket(packet, size); }
 
 void SetInterruptContext(bool on, bool wire_busy) {
   t_interrupt_context = on;
@@ -188,7 +201,7 @@ extern "C" int varn_send_packet(const char* destination, const char* source, int
     varnP_data_batch_reset();
   }
   if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
-  if (varn_debug_true()) return 1;
+  if (!varn::transport::ActiveChannel().WritesPackets()) return 1;
   std::size_t body = 0;
   const char* word = wire::CategoryWord(category);
   if (word == nullptr) {
@@ -203,7 +216,8 @@ extern "C" int varn_send_packet(const char* destination, const char* source, int
   }
   char* buf = PacketBuffer(body);
   if (buf == nullptr) return Fail(VARN_E_MALLOC);
-  int e = BuildAndWrite(buf, body + 7, destination, source, category, payload, length);
+  int e = BuildAndWrite(buf, body + 7, destination, source, category, payload, length,
+                        WriteToActiveChannel);
   return e == 0 ? 1 : Fail(e);
 }
 
@@ -218,7 +232,7 @@ extern "C" int varn_send_packet_signal(const char* destination, const char* sour
 }
 
 extern "C" int varnP_write_packet(char* buffer, size_t size) noexcept {
-  int e = WritePacket(buffer, size);
+  int e = WriteToActiveChannel(buffer, size);
   return e == 0 ? 1 : Fail(e);
 }
 
@@ -229,7 +243,7 @@ extern "C" int write_file_win(int handle, const void* buffer, size_t count,
   *written = 0;
   switch (VarnChanType) {
     case VARN_CHAN_SOCKET: {
-      long n = varn_send(State().socket_fd, buffer, count, 0);
+      long n = varn_send(Fixed().socket_fd, buffer, count, 0);
       if (n < 0 || static_cast<size_t>(n) > count) return 0;
       *written = static_cast<size_t>(n);
       return 1;

@@ -4,110 +4,107 @@
 //
 // Runs on the application's thread with the send lock held (taken by
 // varn_send_msg), or on the input thread during interrupt handling.
-#include <cstdlib>
 #include <cstring>
 
-#include "core/library_state.h"
-#include "services/debug_mode.h"
+#include "core/rows.h"
+#include "transport/await.h"
+#include "transport/channel.h"
+#include "transport/hub_channel.h"
 #include "varn.h"
 
+namespace varn::transport {
 namespace {
 
-int AcknowledgementWait(varnHandle h, int wait_flag) {
-  varn_util_hold_sigusr1(1);
-  int* set = nullptr;
-  varn_queue_set_waitcat(&set, VARN_ACK, VARN_NAK, VARN_SRVR_ERR, 0);
-  varn_queue_set_outband(h, set);
-  VarnEntry& row = VarnMessage[h];
-  row.last_category = 0;
-  int result = 0;
-  for (;;) {
-    if (!varn_recv_read_and_parse_message(wait_flag)) break;
-    uint32_t last = row.last_category;
-    if (last == VARN_ACK) {
-      result = 1;
-      break;
-    }
-    if (last == VARN_NAK) {
-      if (row.last_data_len != 0 && row.last_data != nullptr &&
-          std::strcmp(row.last_data, "BUSY") == 0) {
-        row.send_stream = 1;
+using core::Row;
+using core::Stream;
+
+constexpr CategorySet kAcknowledgement = {VARN_ACK, VARN_NAK, VARN_SRVR_ERR};
+
+int AcknowledgementWait(Row& row, int wait_flag) REQUIRES(core::kLibrary) {
+  if (!AwaitRow(row.handle(), kAcknowledgement, true, wait_flag)) return 0;
+  switch (row.last_category()) {
+    case VARN_ACK:
+      return 1;
+    case VARN_NAK:
+      if (row.LastLength() != 0 && row.entry().last_data != nullptr &&
+          std::strcmp(row.entry().last_data, "BUSY") == 0) {
+        row.set_send_stream(Stream::kReady);
         VarnErrorNo = VARN_E_RECEIVER_BUSY;
       }
-      break;
-    }
-    if (last == VARN_SRVR_ERR) {
+      return 0;
+    default:  // SRVR_ERR: the peer ended
       VarnErrorNo = VARN_E_CLOSED;
-      break;
-    }
+      return 0;
   }
-  varn_queue_reset_outband();
-  varn_queue_free_waitcat(&set);
-  varn_util_release_sigusr1(1);
-  return result;
 }
 
-int ExitWait(varnHandle h) {
-  varn_queue_set_outband(h, nullptr);
-  VarnEntry& row = VarnMessage[h];
-  while (varn_recv_read_and_parse_message(1) && row.last_category != VARN_SRVR_ERR) {
+// After KILL: every message of the peer is handled until its exit notice
+// came (or reading failed); the row is free either way.
+int ExitWait(Row& row) REQUIRES(core::kLibrary) {
+  {
+    Lane only(row.handle(), {});
+    AwaitUntil([&row] { return row.last_category() == VARN_SRVR_ERR; });
   }
-  row.send_stream = 0;
-  row.recv_stream = 0;
-  row.state = ENTRY_FREE;
-  varn_queue_reset_outband();
+  row.set_streams(Stream::kClosed, Stream::kClosed);
+  row.set_state(core::RowState::kFree);
   return 1;
 }
 
 }  // namespace
 
-extern "C" int varnP_send_framed(varnHandle h, int category, const char* payload,
-                                 size_t length) noexcept {
-  VarnEntry& row = VarnMessage[h];
-  if (category == VARN_DATA && row.send_stream == 2) {
-    return varnP_data_batch_add(row.address, payload, length);
-  }
-  return varn_send_packet(row.address, row.local_address, category, payload, length);
-}
-
-extern "C" int varn_send_send_msg(varnHandle h, int category, const char* payload,
-                                  size_t length) noexcept {
-  if (!varn::core::ValidHandle(h) || VarnMessage[h].state != ENTRY_ACTIVE) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
-  VarnErrorNo = 0;
-  VarnEntry& row = VarnMessage[h];
-  if (varn_debug_send_message(h, category, payload, row.send_stream)) return 1;
+int ProtocolStep(int h, int category, const char* payload, std::size_t length) {
+  Row row(h);
   // IDLE before DONE or ERROR leaves: a peer that has the answer and asks
   // for the status at once must not find this process still BUSY.
   if (category == VARN_DONE || category == VARN_ERROR) varn_set_status(VARN_STATUS_IDLE, "");
   if (!varnP_send_framed(h, category, payload, length)) return 0;
   switch (category) {
     case VARN_KILL:
-      row.last_category = 0;
-      return ExitWait(h);
+      row.ClearLast();
+      return ExitWait(row);
     case VARN_INTR:
     case VARN_DATA:
     case VARN_ENABLE:
     case VARN_DISABLE:
-      return 1;
-    case VARN_CMD:
-      return AcknowledgementWait(h, 1);
     case VARN_DONE:
     case VARN_ERROR:
       return 1;
+    case VARN_CMD:
+      return AcknowledgementWait(row, 1);
     case VARN_BEGIN:
-      row.send_stream = 2;
-      return AcknowledgementWait(h, 1);
+      row.set_send_stream(Stream::kStreaming);
+      return AcknowledgementWait(row, 1);
     case VARN_END:
-      row.send_stream = 1;
-      return AcknowledgementWait(h, 1);
+      row.set_send_stream(Stream::kReady);
+      return AcknowledgementWait(row, 1);
     case VARN_SRVR_ERR:
-      row.send_stream = 0;
-      row.recv_stream = 0;
-      return AcknowledgementWait(h, 0);
+      row.set_streams(Stream::kClosed, Stream::kClosed);
+      return AcknowledgementWait(row, 0);
     default:
       return 0;  // sent; no protocol step follows
   }
+}
+
+}  // namespace varn::transport
+
+extern "C" int varnP_send_framed(varnHandle h, int category, const char* payload,
+                                 size_t length) noexcept {
+  varn::core::OnApplicationThread();
+  varn::core::Row row(h);
+  if (category == VARN_DATA && row.send_stream() == varn::core::Stream::kStreaming) {
+    return varnP_data_batch_add(row.entry().address, payload, length);
+  }
+  return varn_send_packet(row.entry().address, row.entry().local_address, category, payload,
+                          length);
+}
+
+extern "C" int varn_send_send_msg(varnHandle h, int category, const char* payload,
+                                  size_t length) noexcept {
+  varn::core::OnApplicationThread();
+  if (!varn::core::ValidHandle(h) || VarnMessage[h].state != ENTRY_ACTIVE) {
+    VarnErrorNo = VARN_E_BAD_HANDLE;
+    return 0;
+  }
+  VarnErrorNo = 0;
+  return varn::transport::ActiveChannel().SendToRow(h, category, payload, length);
 }

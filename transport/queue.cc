@@ -26,6 +26,8 @@
 #include <unordered_map>
 
 #include "core/library_state.h"
+#include "core/rows.h"
+#include "transport/wire_format.h"
 #include "varn.h"
 
 namespace {
@@ -359,8 +361,9 @@ extern "C" int varn_queue_is_signal_msg(const char* source, int category, const 
     case VARN_QUERY_Q:
       return 1;
     case VARN_STATUS:
-      return source != nullptr && std::strcmp(source, "quon") == 0 && payload != nullptr &&
-             length != 0 && std::strcmp(payload, "IDLE") == 0;
+      return source != nullptr && std::strcmp(source, VARN_HUB_ADDRESS) == 0 &&
+             payload != nullptr && length != 0 &&
+             std::strcmp(payload, varn::wire::StatusWord(VARN_STATUS_IDLE)) == 0;
     default:
       return 0;
   }

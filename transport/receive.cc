@@ -3,135 +3,72 @@
 //
 // Runs on the application's thread, and on the input thread only while it
 // holds the application's thread still (INTR and KILL).
-#include "transport/receive.h"
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "core/diag.h"
 #include "core/library_state.h"
+#include "core/remote_file_table.h"
+#include "core/rows.h"
 #include "core/status.h"
-#include "process/enable.h"
-#include "services/debug_mode.h"
+#include "transport/await.h"
+#include "transport/channel.h"
+#include "transport/hub_channel.h"
 #include "transport/stream_buffer.h"
+#include "transport/upcalls.h"
 #include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 #include "varn.h"
 
+namespace varn::transport {
 namespace {
 
-using varn::core::Diag;
-using varn::core::State;
-namespace stream = varn::transport::stream;
-namespace wire = varn::wire;
+using core::Diag;
+using core::Row;
+using core::RowState;
+using core::Stream;
 
-char g_signal_buffer[1024];
-
-bool IsQuon(const char* address) { return address != nullptr && std::strcmp(address, "quon") == 0; }
+bool IsHub(const char* address) { return address != nullptr && wire::kHubAddress == address; }
 
 // Handle of the row for a message source: "find" never creates a row.
-int Find(const char* source) { return varnP_find_entry_exact(source, 1); }
-int FindOrCreate(const char* source) {
+int Find(const char* source) REQUIRES(core::kLibrary) { return varnP_find_entry_exact(source, 1); }
+int FindOrCreate(const char* source) REQUIRES(core::kLibrary) {
   return varnP_find_entry_exact(source, IfDetachProtocol != 0 ? 1 : 0);
 }
 
-int StoreMessage(int h, const char* destination, const char* source, int category,
-                 const char* payload, uint32_t recv_stream, uint32_t send_stream, size_t length) {
-  if (!varn::core::ValidHandle(h)) return 0;
-  if (varn_debug_save_data(h, destination, source, category, payload, recv_stream, send_stream)) {
-    return 1;
-  }
-  VarnEntry& row = VarnMessage[h];
-  if (!varn_util_strcpy(&row.address, source) ||
-      !varn_util_strcpy(&row.local_address, destination)) {
-    return 0;
-  }
-  row.last_category = static_cast<uint32_t>(category);
-  row.last_data_len = static_cast<int64_t>(length);
-  // Inside a stream only data belongs to the stream: an answer that arrives
-  // meanwhile (STATUS, ACK, DONE, ...) is kept in the row, not mixed into
-  // the records.
-  bool stream_data = category == VARN_DATA || category == VARN_STDERR || category == VARN_BROADCAST;
-  if (row.recv_stream == 2 && stream_data) {
-    if (!stream::Append(source, payload, length)) return 0;
-    // The payload lives in the stream now; last_data must not keep an older
-    // text that readers would take for one of last_data_len bytes.
-    std::free(row.last_data);
-    row.last_data = nullptr;
-  } else {
-    std::free(row.last_data);
-    row.last_data = nullptr;
-    if (length > 0 && payload != nullptr) {
-      row.last_data = static_cast<char*>(std::malloc(length + 1));
-      if (row.last_data == nullptr) {
-        VarnErrorNo = VARN_E_MALLOC;
-        return 0;
-      }
-      std::memcpy(row.last_data, payload, length);
-      row.last_data[length] = '\0';
-    }
-  }
-  row.recv_stream = recv_stream;
-  row.send_stream = send_stream;
-  return VarnErrorNo == 0;
+// Stores through the active channel, keeping the row's stream states.
+bool Store(int h, const char* destination, const char* source, int category, const char* payload,
+           std::size_t length) REQUIRES(core::kLibrary) {
+  if (!core::ValidHandle(h)) return false;
+  const VarnEntry& e = VarnMessage[h];
+  return ActiveChannel().StoreInRow(h, destination, source, category, payload, length,
+                                    e.recv_stream, e.send_stream);
 }
 
-// Stores the current streams of the row again (the usual case).
-int Store(int h, const char* destination, const char* source, int category, const char* payload,
-          size_t length) {
-  if (!varn::core::ValidHandle(h)) return 0;
-  return StoreMessage(h, destination, source, category, payload, VarnMessage[h].recv_stream,
-                      VarnMessage[h].send_stream, length);
-}
-
-// Stores a KILL, INTR or SRVR_ERR text in the signal buffer. A text that
-// does not fit is refused, unless `cut` says to keep its first 1023 bytes:
-// an exit notice must end the row whatever its length, or every wait and
-// kill on that peer would wait for a notice that was already dropped.
-int StoreInterrupt(int h, int category, const char* payload, uint32_t recv_stream,
-                   uint32_t send_stream, size_t length, bool cut = false) {
-  if (!varn::core::ValidHandle(h)) return 0;
-  if (length > sizeof g_signal_buffer - 1) {
-    if (!cut) return 0;
-    length = sizeof g_signal_buffer - 1;
-  }
-  if (length > 0 && payload != nullptr) std::memcpy(g_signal_buffer, payload, length);
-  g_signal_buffer[payload != nullptr ? length : 0] = '\0';
-  VarnEntry& row = VarnMessage[h];
-  row.last_category = static_cast<uint32_t>(category);
-  row.last_data_len = static_cast<int64_t>(length);
-  row.recv_stream = recv_stream;
-  row.send_stream = send_stream;
-  return 1;
-}
-
-// Compares addresses, skipping a two-character prefix that starts with "!".
-const char* Bare(const char* address) {
-  if (address != nullptr && address[0] == '!' && address[1] != '\0') return address + 2;
-  return address;
-}
-
-void AnswerStatusQuery(const char* source, const char* destination) {
+void AnswerStatusQuery(const char* source, const char* destination) REQUIRES(core::kLibrary) {
   char text[VARN_STATUS_TEXT_SIZE];
-  varn::core::StatusAnswer(text, sizeof text);
-  varn_send_packet_signal(source, destination, VARN_STATUS, text, 0);
+  int status = core::StatusSnapshot(text, sizeof text);
+  std::string answer = wire::BuildStatusAnswer(status, text);
+  varn_send_packet_signal(source, destination, VARN_STATUS, answer.c_str(), 0);
 }
 
 void AnswerAddressQuery(const char* source, const char* destination, const char* payload,
-                        size_t length) {
-  char name[512] = "";
+                        std::size_t length) REQUIRES(core::kLibrary) {
+  std::string name;
   if (payload != nullptr && length > 0) {
-    const char* start = std::strchr(payload, ':');
-    start = start ? start + 1 : payload;
-    std::snprintf(name, sizeof name, "%s", start);
-    if (char* colon = std::strchr(name, ':')) *colon = '\0';
+    std::string_view owner, server;
+    wire::ParseServerQuery(wire::WithoutPadding(std::string_view(payload, length)), &owner,
+                           &server);
+    name = server.substr(0, server.find('\0'));
   }
   const char* answer = "";
-  if (name[0] != '\0') {
-    int count = varn::core::ActiveCount();
+  if (!name.empty()) {
+    int count = core::ActiveCount();
     for (int i = 0; i < count; ++i) {
       const VarnEntry& row = VarnMessage[i];
-      if (row.state == ENTRY_ACTIVE && row.name != nullptr && std::strcmp(row.name, name) == 0) {
+      if (row.state == ENTRY_ACTIVE && row.name != nullptr && name == row.name) {
         answer = row.address ? row.address : "";
         break;
       }
@@ -140,49 +77,41 @@ void AnswerAddressQuery(const char* source, const char* destination, const char*
   varn_send_packet_signal(source, destination, VARN_QUERY, answer[0] ? answer : nullptr, 0);
 }
 
-int HandleSrvrErr(const char* source, const char* payload, size_t length) {
-  if (IsQuon(source)) {
+// The first row in use whose address, without its route prefix, is the
+// notice's source; -1 when none.
+int FindNoticeRow(const char* source) REQUIRES(core::kLibrary) {
+  int count = core::ActiveCount();
+  for (int i = 0; i < count; ++i) {
+    const VarnEntry& row = VarnMessage[i];
+    if (row.state != ENTRY_FREE && row.address != nullptr &&
+        wire::WithoutRoutePrefix(row.address) == source) {
+      return i;
+    }
+  }
+  return -1;
+}
+
+int HandleSrvrErr(const char* source, const char* payload, std::size_t length)
+    REQUIRES(core::kLibrary) {
+  if (IsHub(source)) {
     varnP_call_callback(-1);
     VarnErrorNo = VARN_E_DAEMON_GONE;
     return 0;
   }
-  int count = varn::core::ActiveCount();
-  int h = -1;
-  for (int i = 0; i < count; ++i) {
-    const VarnEntry& row = VarnMessage[i];
-    if (row.state != ENTRY_FREE && row.address != nullptr &&
-        std::strcmp(Bare(row.address), source) == 0) {
-      h = i;
-      break;
-    }
-  }
+  int h = FindNoticeRow(source);
   if (h < 0) return 1;
-  if (!StoreInterrupt(h, VARN_SRVR_ERR, payload, 0, 0, length, true)) return 1;
-  VarnEntry& row = VarnMessage[h];
-  if (row.keep_entry == 0) {
-    int64_t kept = row.last_data_len;
-    varnP_deinit_entry(h);
-    row.last_category = VARN_SRVR_ERR;
-    // The exit text stays readable (from the signal buffer) for the wait
-    // or callback that takes this notice.
-    row.last_data_len = kept;
-  } else if (row.state != ENTRY_DISABLED) {
-    row.state = ENTRY_EXITED;
+  Row row(h);
+  // A notice longer than the signal buffer is cut, never dropped: the row
+  // must end, or every wait and kill on the peer would wait for it.
+  if (!row.StoreSignal(VARN_SRVR_ERR, payload, length, true)) return 1;
+  row.set_streams(Stream::kClosed, Stream::kClosed);
+  if (row.entry().keep_entry == 0) {
+    row.ResetKeepingNotice();
+  } else if (!row.is(RowState::kDisabled)) {
+    row.set_state(RowState::kExited);
   }
   varnP_call_callback(h);
   return 1;
-}
-
-// Splits in place and reports a parse failure as the receive side does.
-int Split(char* body, size_t length, char** destination, char** source, int* category,
-          char** payload, size_t* payload_length) {
-  if (varn_debug_true()) {
-    varn_debug_parse_message(body, destination, source, category, payload);
-    *payload_length = *payload ? std::strlen(*payload) : 0;
-    return 1;
-  }
-  return varn_recv_parse_message(body, length, destination, source, category, payload,
-                                 payload_length);
 }
 
 // Answers of the hub to requests of this process. They are filed into the
@@ -209,41 +138,171 @@ bool IsHubAnswer(int category) {
 // Whether a new message must be parsed at once while the lane is on:
 // interrupts, the hub's loss and its answers, and what the lane lets
 // through. The lookup's error for an unknown source is not left behind.
-bool ParsedAtOnce(const char* source, int category) {
+bool ParsedAtOnce(const char* source, int category) REQUIRES(core::kLibrary) {
   if (category == VARN_INTR) return true;
-  if (IsQuon(source) && (category == VARN_SRVR_ERR || IsHubAnswer(category))) return true;
+  if (IsHub(source) && (category == VARN_SRVR_ERR || IsHubAnswer(category))) return true;
   int saved = VarnErrorNo;
   bool through = varn_queue_is_outband_chan(source, category) != 0;
   VarnErrorNo = saved;
   return through;
 }
 
-int TakeSplitAndHandle(bool lane) {
-  char* body = nullptr;
-  size_t length = 0;
-  if (!varnP_take_packet(&body, &length, 1)) return 0;
-  char *destination, *source, *payload;
-  int category = 0;
-  size_t payload_length = 0;
+int TakeSplitAndHandle(bool lane) REQUIRES(core::kLibrary) {
+  Channel& channel = ActiveChannel();
+  Message m;
+  std::size_t body_length = 0;
+  if (!channel.TakeBody(&m.body, &body_length)) return 0;
   int r;
-  if (!Split(body, length, &destination, &source, &category, &payload, &payload_length)) {
+  if (!channel.Split(m.body, body_length, &m)) {
     r = 0;
-  } else if (lane && !ParsedAtOnce(source, category)) {
-    r = varn_queue_put_msg(source, destination, payload, category, payload_length);
+  } else if (lane && !ParsedAtOnce(m.source, m.category)) {
+    r = varn_queue_put_msg(m.source, m.destination, m.payload, m.category, m.length);
   } else {
-    r = varn_parse_message(source, destination, payload, category, payload_length);
+    r = varn_parse_message(m.source, m.destination, m.payload, m.category, m.length);
   }
-  std::free(body);
+  std::free(m.body);
   return r;
+}
+
+void DeliverEnd(int* category, char* buffer, int64_t size, std::size_t* length)
+    REQUIRES(core::kLibrary) {
+  *category = VARN_END;
+  const char* text = stream::EndText();
+  if (text != nullptr) {
+    std::size_t n = std::strlen(text);
+    // The END text is cut to the caller's buffer when its size is known.
+    if (size >= 0 && n + 2 > static_cast<std::size_t>(size)) n = size >= 2 ? size - 2 : 0;
+    if (size < 0 || size >= 2) {
+      std::memcpy(buffer, text, n);
+      buffer[n] = '\0';
+      buffer[n + 1] = '\0';
+    }
+    *length = n;
+  } else {
+    *length = 0;
+    if (size != 0) buffer[0] = '\0';
+  }
+  stream::Reset();
+}
+
+bool StreamSourceMatches(int h) REQUIRES(core::kLibrary) {
+  const char* address = VarnMessage[h].address;
+  return address != nullptr && std::strcmp(address, stream::Source()) == 0;
 }
 
 }  // namespace
 
-namespace varn::transport {
-const char* SignalBuffer() { return g_signal_buffer; }
+bool StoreMessage(int h, const char* destination, const char* source, int category,
+                  const char* payload, std::size_t length, std::uint32_t recv_stream,
+                  std::uint32_t send_stream) {
+  if (!core::ValidHandle(h)) return false;
+  Row row(h);
+  // Inside a stream only data belongs to the stream: an answer that arrives
+  // meanwhile (STATUS, ACK, DONE, ...) is kept in the row, not mixed into
+  // the records.
+  bool stream_data = category == VARN_DATA || category == VARN_STDERR || category == VARN_BROADCAST;
+  bool ok;
+  if (row.recv_stream() == Stream::kStreaming && stream_data) {
+    ok = row.StoreWithoutText(destination, source, category, length) &&
+         stream::Append(source, payload, length);
+  } else {
+    ok = row.Store(destination, source, category, payload, length);
+  }
+  row.set_recv_stream(static_cast<Stream>(recv_stream));
+  row.set_send_stream(static_cast<Stream>(send_stream));
+  return ok && VarnErrorNo == 0;
+}
+
+int ReadStreamRecord(int h, int* category, char* buffer, int64_t size, std::size_t* length,
+                     Channel::StreamRead how) {
+  if (!core::ValidHandle(h)) {
+    VarnErrorNo = VARN_E_BAD_HANDLE;
+    return 0;
+  }
+  if (!StreamSourceMatches(h)) {
+    VarnErrorNo = VARN_E_STREAM_SOURCE;
+    return 0;
+  }
+  if (how == Channel::StreamRead::kArrived) {
+    // Only what is in the stream buffer: a record, or the end once the
+    // buffer is used up.
+    *category = VARN_DATA;
+    std::size_t n = 0;
+    if (!stream::TakeRecord(buffer, &n)) {
+      VarnErrorNo = VARN_E_PARSE;
+      return 0;
+    }
+    if (n > 0 || stream::Unread() > 0) {
+      *length = n;
+      return 1;
+    }
+    DeliverEnd(category, buffer, -1, length);
+    return 1;
+  }
+  if (stream::Unread() == 0) {
+    Row row(h);
+    bool ended = false;
+    bool peer_gone = false;
+    bool read_one = false;
+    // The END may already have been parsed (by a wait that stopped at it):
+    // then the stream is over and reading on would wait for nothing.
+    auto done = [&] {
+      if (stream::Unread() > 0) return true;
+      ended = stream::Ended() || (read_one && row.last_category() == VARN_END);
+      peer_gone = read_one && row.last_category() == VARN_SRVR_ERR;
+      if (ended || peer_gone) return true;
+      row.ClearLast();
+      read_one = true;
+      return false;
+    };
+    bool read = true;
+    if (how == Channel::StreamRead::kLane) {
+      Lane only(h, {});
+      read = AwaitUntil(done);
+    } else {
+      read = AwaitUntil(done);
+    }
+    if (!read) return 0;
+    if (stream::Unread() == 0 && ended) {
+      DeliverEnd(category, buffer, size, length);
+      return 1;
+    }
+    if (stream::Unread() == 0 && peer_gone) {
+      // The peer ended in the middle of its stream.
+      *category = VARN_SRVR_ERR;
+      VarnErrorNo = VARN_E_CLOSED;
+      return 0;
+    }
+  }
+  std::size_t n = 0;
+  if (!stream::PeekLength(&n)) {
+    VarnErrorNo = VARN_E_PARSE;  // corrupt stream data: the stream is dropped
+    return 0;
+  }
+  if (size >= 0 && n >= static_cast<std::size_t>(size)) {
+    VarnErrorNo = VARN_E_TOO_LONG;
+    *length = n;
+    return 0;
+  }
+  *category = VARN_DATA;
+  if (!stream::TakeRecord(buffer, &n)) {
+    VarnErrorNo = VARN_E_PARSE;
+    return 0;
+  }
+  *length = n;
+  return 1;
+}
+
 }  // namespace varn::transport
 
+namespace transport = varn::transport;
+namespace stream = varn::transport::stream;
+namespace wire = varn::wire;
+using varn::core::Row;
+using varn::core::Stream;
+
 extern "C" int varn_recv_init(void) noexcept {
+  varn::core::OnApplicationThread();
   stream::Reset();
   return 1;
 }
@@ -253,8 +312,8 @@ extern "C" int varn_recv_parse_message(char* body, size_t length, char** destina
                                        size_t* payload_length) noexcept {
   wire::Header header;
   if (wire::SplitBody(body, length, &header) != wire::WireError::kOk) {
-    Diag("varn_recv_parse_message: VARN_E_PARSE\n");
-    Diag("msgBuf=%s plen=%zu\n", body, length);
+    varn::core::Diag("varn_recv_parse_message: VARN_E_PARSE\n");
+    varn::core::Diag("msgBuf=%s plen=%zu\n", body, length);
     VarnErrorNo = VARN_E_PARSE;
     return 0;
   }
@@ -284,24 +343,25 @@ extern "C" int varn_recv_parse_message(char* body, size_t length, char** destina
   return 1;
 }
 
+// VarnIntrSignal selects a path that takes signal messages; none are ever
+// stored on this platform (interrupts reach the input thread instead), so
+// reading goes its usual way whatever VarnIntrSignal says.
 extern "C" int varn_recv_read_and_parse_message(int wait) noexcept {
+  varn::core::OnApplicationThread();
   char *source, *destination, *payload;
   int category = 0;
   size_t length = 0;
   int r;
-  // The signal path (VarnIntrSignal) has no signal messages to take on this
-  // platform: interrupts reach the input thread instead. Reading goes its
-  // usual way whatever VarnIntrSignal says.
   if (varn_queue_outband_on()) {
     if (varn_queue_get_outband_msg(&source, &destination, &payload, &category, &length)) {
       r = varn_parse_message(source, destination, payload, category, length);
     } else {
-      r = TakeSplitAndHandle(true);
+      r = transport::TakeSplitAndHandle(true);
     }
   } else if (varn_queue_get_msg(&source, &destination, &payload, &category, &length)) {
     r = varn_parse_message(source, destination, payload, category, length);
   } else {
-    r = TakeSplitAndHandle(false);
+    r = transport::TakeSplitAndHandle(false);
   }
   if (wait) varn_remove_quonin_msg();
   return r;
@@ -313,94 +373,91 @@ extern "C" int varn_recv_find_entry_exact(const char* address, int exact) noexce
 
 extern "C" int varn_parse_message(const char* source, const char* destination, const char* payload,
                                   int category, size_t length) noexcept {
+  varn::core::OnApplicationThread();
   VarnErrorNo = 0;
   if (category < 1 || category > VARN_END_ACKSENT) {
     VarnErrorNo = VARN_E_CATEGORY;
     return 1;
   }
+  transport::Channel& channel = transport::ActiveChannel();
   int h;
   switch (category) {
     case VARN_STATUS_Q:
-      AnswerStatusQuery(source, destination);
+      transport::AnswerStatusQuery(source, destination);
       return 1;
     case VARN_STATUS:
-      if (IsQuon(source) && length != 0 && payload != nullptr &&
+      if (transport::IsHub(source) && length != 0 && payload != nullptr &&
           std::strcmp(payload, "IDLE") == 0) {
         VarnRecvedQuonStatusIdle = 1;
         return 1;
       }
-      h = Find(source);
+      h = transport::Find(source);
       if (h < 0) {
         VarnErrorNo = 0;
         return 1;
       }
-      Store(h, destination, source, category, payload, length);
+      transport::Store(h, destination, source, category, payload, length);
       return 1;
-    case VARN_KILL:
-      h = FindOrCreate(source);
-      if (h < 0) {
-        varn_deinit();
-        return 0;
+    case VARN_KILL: {
+      h = transport::FindOrCreate(source);
+      if (h >= 0) {
+        Row row(h);
+        if (row.StoreSignal(category, payload, length, false)) varnP_call_callback(h);
       }
-      if (StoreInterrupt(h, category, payload, VarnMessage[h].recv_stream,
-                         VarnMessage[h].send_stream, length)) {
-        varnP_call_callback(h);
-      }
-      varn_deinit();
+      transport::CallShutDown();
       return 0;
+    }
     case VARN_ACCEPT:
     case VARN_REJECT: {
-      h = Find(source);
+      h = transport::Find(source);
       if (h < 0) {
         VarnErrorNo = 0;
         return 1;
       }
-      Store(h, destination, source, category, payload, length);
-      VarnEntry& row = VarnMessage[h];
-      if (row.state == ENTRY_STARTING) {
+      transport::Store(h, destination, source, category, payload, length);
+      Row row(h);
+      if (row.is(varn::core::RowState::kStarting)) {
         if (category == VARN_ACCEPT) {
-          row.state = ENTRY_ACTIVE;
-          if (!varn_util_strcpy(&row.address, row.last_data)) return 0;
+          row.set_state(varn::core::RowState::kActive);
+          if (!varn_util_strcpy(&row.entry().address, row.entry().last_data)) return 0;
         } else {
-          varnP_deinit_entry(h);
-          row.last_category = VARN_REJECT;
+          row.Reset();
+          row.set_last_category(VARN_REJECT);
           VarnErrorNo = VARN_E_INVOKE;
         }
       }
       return 1;
     }
     case VARN_INTR:
-      h = Find(source);
-      if (h >= 0 && StoreInterrupt(h, category, payload, VarnMessage[h].recv_stream,
-                                   VarnMessage[h].send_stream, length)) {
-        varnP_call_callback(h);
-      }
+      h = transport::Find(source);
+      if (h >= 0 && Row(h).StoreSignal(category, payload, length, false)) varnP_call_callback(h);
       return 1;
     case VARN_CMD:
     case VARN_CMD_ACKSENT:
-      h = FindOrCreate(source);
+      h = transport::FindOrCreate(source);
       if (h < 0) return 1;
       // BUSY before the ACK: once the sender has its ACK, a status query
       // (answered on the input thread) must not find this process IDLE.
       varn_set_status(VARN_STATUS_BUSY, "");
       if (category == VARN_CMD) varn_send_packet(source, destination, VARN_ACK, nullptr, 0);
-      if (!Store(h, destination, source, VARN_CMD, payload, length)) return 1;
+      if (!transport::Store(h, destination, source, VARN_CMD, payload, length)) return 1;
       varnP_call_callback(h);
       return 1;
     case VARN_DONE:
     case VARN_ERROR:
-      h = Find(source);
+      h = transport::Find(source);
       if (h < 0) return 1;
-      if (!Store(h, destination, source, category, payload, length)) return 1;
+      if (!transport::Store(h, destination, source, category, payload, length)) return 1;
       varnP_call_callback(h);
       return 1;
     case VARN_BEGIN:
     case VARN_BEGIN_ACKSENT:
-      h = FindOrCreate(source);
+      h = transport::FindOrCreate(source);
       if (h < 0) return 1;
       if (category == VARN_BEGIN) varn_send_packet(source, destination, VARN_ACK, nullptr, 0);
-      if (!StoreMessage(h, destination, source, VARN_BEGIN, payload, 2, VarnMessage[h].send_stream,
-                        length)) {
+      if (!channel.StoreInRow(h, destination, source, VARN_BEGIN, payload, length,
+                              static_cast<uint32_t>(Stream::kStreaming),
+                              VarnMessage[h].send_stream)) {
         return 1;
       }
       stream::Reset();
@@ -410,10 +467,10 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
       return 1;
     case VARN_END:
     case VARN_END_ACKSENT: {
-      h = Find(source);
+      h = transport::Find(source);
       if (h < 0) return 1;
-      StoreMessage(h, destination, source, VARN_END, payload, 1, VarnMessage[h].send_stream,
-                   length);
+      channel.StoreInRow(h, destination, source, VARN_END, payload, length,
+                         static_cast<uint32_t>(Stream::kReady), VarnMessage[h].send_stream);
       const VarnEntry& row = VarnMessage[h];
       if (row.last_data != nullptr) {
         if (!stream::SetEndText(row.last_data)) return 1;
@@ -429,44 +486,42 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
     case VARN_DATA:
     case VARN_STDERR:
     case VARN_BROADCAST:
-      h = FindOrCreate(source);
+      h = transport::FindOrCreate(source);
       if (h < 0) return 1;
-      Store(h, destination, source, category, payload, length);
-      if (VarnMessage[h].recv_stream != 2) varnP_call_callback(h);
+      transport::Store(h, destination, source, category, payload, length);
+      if (Row(h).recv_stream() != Stream::kStreaming) varnP_call_callback(h);
       return 1;
     case VARN_SRVR_ERR:
-      return HandleSrvrErr(source, payload, length);
+      return transport::HandleSrvrErr(source, payload, length);
     case VARN_ACK:
     case VARN_NAK:
     case VARN_QUERY:
-      h = Find(source);
+      h = transport::Find(source);
       if (h < 0) {
         VarnErrorNo = 0;
         return 1;
       }
-      Store(h, destination, source, category, payload, length);
+      transport::Store(h, destination, source, category, payload, length);
       return 1;
     case VARN_QUERY_Q:
-      AnswerAddressQuery(source, destination, payload, length);
+      transport::AnswerAddressQuery(source, destination, payload, length);
       return 1;
     case VARN_ENABLE: {
-      char text[1024];
-      std::snprintf(text, sizeof text, "%s", payload ? payload : "");
-      char* blank = std::strchr(text, ' ');
-      if (blank == nullptr) {
+      std::string text = payload ? payload : "";
+      std::size_t blank = text.find(' ');
+      if (blank == std::string::npos) {
         VarnErrorNo = VARN_E_DAEMON;
-        varnP_enable_server_protocal(text, nullptr);
+        transport::CallEnable(text.c_str(), nullptr);
       } else {
-        *blank = '\0';
-        varnP_enable_server_protocal(text, blank + 1);
+        transport::CallEnable(text.substr(0, blank).c_str(), text.c_str() + blank + 1);
       }
       return 1;
     }
     case VARN_DISABLE:
-      varnP_disable_server_protocal(payload ? payload : "");
+      transport::CallDisable(payload ? payload : "");
       return 1;
     case VARN_NOTIFY:
-      varnP_notify(payload ? payload : "");
+      transport::CallNotify(payload ? payload : "");
       return 1;
     case VARN_FACK:
     case VARN_FNAK:
@@ -481,10 +536,10 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
       varn::core::FileAnswer(category, payload, length);
       return 1;
     case VARN_DETACH:
-      h = Find(source);
+      h = transport::Find(source);
       if (h < 0) return 1;
-      if (!Store(h, destination, source, category, payload, length)) return 1;
-      varnP_disconnect_process(h);
+      if (!transport::Store(h, destination, source, category, payload, length)) return 1;
+      transport::CallDisconnect(h);
       varnP_call_callback(h);
       return 1;
     default:
@@ -493,94 +548,12 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
   }
 }
 
-namespace {
-
-void DeliverEnd(int* category, char* buffer, int64_t size, size_t* length) {
-  *category = VARN_END;
-  const char* text = stream::EndText();
-  if (text != nullptr) {
-    size_t n = std::strlen(text);
-    // The END text is cut to the caller's buffer when its size is known.
-    if (size >= 0 && n + 2 > static_cast<size_t>(size)) n = size >= 2 ? size - 2 : 0;
-    if (size < 0 || size >= 2) {
-      std::memcpy(buffer, text, n);
-      buffer[n] = '\0';
-      buffer[n + 1] = '\0';
-    }
-    *length = n;
-  } else {
-    *length = 0;
-    if (size != 0) buffer[0] = '\0';
-  }
-  stream::Reset();
-}
-
-bool StreamSourceMatches(varnHandle h) {
-  const char* address = VarnMessage[h].address;
-  return address != nullptr && std::strcmp(address, stream::Source()) == 0;
-}
-
-}  // namespace
-
 extern "C" int varn_receive_read_data(varnHandle h, int* category, char* buffer, int64_t size,
                                       size_t* length, int lane) noexcept {
-  if (varn_debug_read_data(h, category, buffer, size, length)) {
-    return VarnErrorNo == VARN_E_TOO_LONG ? 0 : 1;
-  }
-  if (!varn::core::ValidHandle(h)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
-  if (!StreamSourceMatches(h)) {
-    VarnErrorNo = VARN_E_STREAM_SOURCE;
-    return 0;
-  }
-  if (lane) varn_queue_set_outband(h, nullptr);
-  while (stream::Unread() == 0) {
-    // The END may already have been parsed (by a wait that stopped at it):
-    // then the stream is over and reading on would wait for nothing.
-    if (stream::Ended()) {
-      if (lane) varn_queue_reset_outband();
-      DeliverEnd(category, buffer, size, length);
-      return 1;
-    }
-    VarnMessage[h].last_category = 0;
-    if (!varn_recv_read_and_parse_message(1)) {
-      if (lane) varn_queue_reset_outband();
-      return 0;
-    }
-    uint32_t last = VarnMessage[h].last_category;
-    if (last == VARN_END) {
-      if (lane) varn_queue_reset_outband();
-      DeliverEnd(category, buffer, size, length);
-      return 1;
-    }
-    if (last == VARN_SRVR_ERR) {
-      // The peer ended in the middle of its stream.
-      if (lane) varn_queue_reset_outband();
-      *category = VARN_SRVR_ERR;
-      VarnErrorNo = VARN_E_CLOSED;
-      return 0;
-    }
-  }
-  if (lane) varn_queue_reset_outband();
-  size_t n = 0;
-  if (!stream::PeekLength(&n)) {
-    VarnErrorNo = VARN_E_PARSE;  // corrupt stream data: the stream is dropped
-    return 0;
-  }
-  if (size >= 0 && n >= static_cast<size_t>(size)) {
-    VarnErrorNo = VARN_E_TOO_LONG;
-    *length = n;
-    return 0;
-  }
-  *category = VARN_DATA;
-  if (!stream::TakeRecord(buffer, &n)) {
-    VarnErrorNo = VARN_E_PARSE;
-    return 0;
-  }
-  *length = n;
-  return 1;
+  varn::core::OnApplicationThread();
+  using How = transport::Channel::StreamRead;
+  return transport::ActiveChannel().ReadStream(h, category, buffer, size, length,
+                                               lane != 0 ? How::kLane : How::kNoLane);
 }
 
 extern "C" int varn_recv_read_data(varnHandle h, int* category, char* buffer, int64_t size,
@@ -590,29 +563,9 @@ extern "C" int varn_recv_read_data(varnHandle h, int* category, char* buffer, in
 
 extern "C" int varn_recv_read_data_from_VarnInStreamData(varnHandle h, int* category, char* buffer,
                                                          size_t* length) noexcept {
-  if (varn_debug_read_data(h, category, buffer, -1, length)) {
-    return VarnErrorNo == VARN_E_TOO_LONG ? 0 : 1;
-  }
-  if (!varn::core::ValidHandle(h)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
-  if (!StreamSourceMatches(h)) {
-    VarnErrorNo = VARN_E_STREAM_SOURCE;
-    return 0;
-  }
-  *category = VARN_DATA;
-  size_t n = 0;
-  if (!stream::TakeRecord(buffer, &n)) {
-    VarnErrorNo = VARN_E_PARSE;
-    return 0;
-  }
-  if (n > 0 || stream::Unread() > 0) {
-    *length = n;
-    return 1;
-  }
-  DeliverEnd(category, buffer, -1, length);
-  return 1;
+  varn::core::OnApplicationThread();
+  return transport::ActiveChannel().ReadStream(h, category, buffer, -1, length,
+                                               transport::Channel::StreamRead::kArrived);
 }
 
 extern "C" void varn_recv_intr_signal_handler(void) noexcept {}

@@ -5,18 +5,25 @@
 namespace varn::wire {
 namespace {
 
-constexpr const char* kWords[kCategoryCount] = {
-    "NONE",      "STATUS?",       "STATUS",        "KILL",        "ACCEPT",        "REJECT",
-    "INTR",      "CMD",           "DONE",          "BEGIN",       "END",           "DATA",
-    "ERROR",     "SRVR_ERR",      "ACK",           "INVOKE",      "INVOKER",       "INVOKERE",
-    "INVOKERN",  "NAK",           "QUERY?",        "QUERY",       "ENABLE",        "DISABLE",
-    "NOTIFY",    "ASYNC_ENABLE",  "ASYNC_DISABLE", "PING",        "STDERR",        "FACK",
-    "FNAK",      "FOPEN",         "FCLOSE",        "FREAD",       "FWRITE",        "FREWIND",
-    "FUNLINK",   "QUERYP?",       "QUERYP",        "ATTACH",      "DETACH",        "AACK",
-    "ANAK",      "DACK_OBSOLETE", "DNAK",          "EACK",        "ENAK",          "EDONE",
-    "EERROR",    "BROADCAST",     "FSTAT",         "CMD_ACKSENT", "BEGIN_ACKSENT", "END_ACKSENT",
-    "INVOKE_EX", "FEOF",          "FSEEK",         "FTELL",
-};
+#define VARN_WORD_(code, name, word) word,
+constexpr const char* kWords[] = {VARN_CATEGORY_LIST(VARN_WORD_)};
+#undef VARN_WORD_
+#define VARN_CODE_(code, name, word) code,
+constexpr int kCodes[] = {VARN_CATEGORY_LIST(VARN_CODE_)};
+#undef VARN_CODE_
+
+// The table is indexed by code, so the list must run 0, 1, 2, ...
+constexpr bool CodesAreIndexes() {
+  for (int i = 0; i < kCategoryCount; ++i) {
+    if (kCodes[i] != i) return false;
+  }
+  return true;
+}
+static_assert(sizeof(kWords) / sizeof(kWords[0]) == kCategoryCount);
+static_assert(CodesAreIndexes());
+
+constexpr const char* kStatusWords[] = {"IDLE", "BUSY", "DEAD"};
+static_assert(VARN_STATUS_IDLE == 0 && VARN_STATUS_BUSY == 1 && VARN_STATUS_DEAD == 2);
 
 bool IsBlank(char c) { return c == ' '; }
 
@@ -29,9 +36,24 @@ const char* CategoryWord(int code) {
 
 bool CategoryFromWord(std::string_view word, int* code) {
   for (int i = 1; i < kCategoryCount; ++i) {
-    if (i == kDackObsolete) continue;  // has a code, but is never accepted as a word
+    if (i == VARN_DACK_OBSOLETE) continue;  // has a code, but is never accepted as a word
     if (word == kWords[i]) {
       *code = i;
+      return true;
+    }
+  }
+  return false;
+}
+
+const char* StatusWord(int status) {
+  if (status < VARN_STATUS_IDLE || status > VARN_STATUS_DEAD) return nullptr;
+  return kStatusWords[status];
+}
+
+bool StatusFromWord(std::string_view word, int* status) {
+  for (int i = VARN_STATUS_IDLE; i <= VARN_STATUS_DEAD; ++i) {
+    if (word == kStatusWords[i]) {
+      *status = i;
       return true;
     }
   }
@@ -53,6 +75,32 @@ std::size_t PacketSize(std::string_view destination, std::string_view source, in
   return total >= kPacketLimit ? 0 : total;
 }
 
+std::size_t HeaderSize(std::string_view destination, std::string_view source,
+                       std::string_view word) {
+  return kLengthDigits + destination.size() + source.size() + word.size() + 3;
+}
+
+char* WriteHeader(char* buf, std::size_t body_length, std::string_view destination,
+                  std::string_view source, std::string_view word) {
+  char* p = buf;
+  std::size_t n = body_length;
+  for (int i = static_cast<int>(kLengthDigits) - 1; i >= 0; --i) {
+    p[i] = static_cast<char>('0' + n % 10);
+    n /= 10;
+  }
+  p += kLengthDigits;
+  auto put = [&p](std::string_view part) {
+    std::memcpy(p, part.data(), part.size());
+    p += part.size();
+  };
+  put(destination);
+  *p++ = ' ';
+  put(source);
+  *p++ = ' ';
+  put(word);
+  return p;
+}
+
 WireError BuildPacket(char* buf, std::size_t capacity, std::string_view destination,
                       std::string_view source, int category, const void* payload,
                       std::size_t payload_len, std::size_t* size) {
@@ -64,22 +112,7 @@ WireError BuildPacket(char* buf, std::size_t capacity, std::string_view destinat
   if (total >= kPacketLimit || total > capacity) return WireError::kTooLong;
 
   // Six digits, always: body < kPacketLimit < 1000000.
-  char* p = buf;
-  std::size_t n = body;
-  for (int i = static_cast<int>(kLengthDigits) - 1; i >= 0; --i) {
-    p[i] = static_cast<char>('0' + n % 10);
-    n /= 10;
-  }
-  p += kLengthDigits;
-  auto put = [&p](std::string_view s) {
-    std::memcpy(p, s.data(), s.size());
-    p += s.size();
-  };
-  put(destination);
-  *p++ = ' ';
-  put(source);
-  *p++ = ' ';
-  put(word);
+  char* p = WriteHeader(buf, body, destination, source, word);
   if (payload_len > 0) {
     *p++ = ' ';
     std::memcpy(p, payload, payload_len);

@@ -8,7 +8,8 @@
 // This module holds no state and touches no library global: every function
 // reports failure through its return value (a WireError whose numeric value
 // is the library's error number for the same failure), so that the hub can
-// link it without the library.
+// link it without the library. The category codes, their words and the error
+// numbers come from varn_codes.h, the one list both sides compile.
 #ifndef VARN_TRANSPORT_WIRE_FORMAT_H_
 #define VARN_TRANSPORT_WIRE_FORMAT_H_
 
@@ -16,88 +17,40 @@
 #include <cstdint>
 #include <string_view>
 
+#include "varn_codes.h"
+
 namespace varn::wire {
 
-// Category codes. 51..53 exist only inside a process (queued and already
-// acknowledged messages).
-enum Category : int {
-  kNone = 0,
-  kStatusQuery = 1,
-  kStatus = 2,
-  kKill = 3,
-  kAccept = 4,
-  kReject = 5,
-  kIntr = 6,
-  kCmd = 7,
-  kDone = 8,
-  kBegin = 9,
-  kEnd = 10,
-  kData = 11,
-  kError = 12,
-  kSrvrErr = 13,
-  kAck = 14,
-  kInvoke = 15,
-  kInvokeR = 16,
-  kInvokeRE = 17,
-  kInvokeRN = 18,
-  kNak = 19,
-  kQueryQuery = 20,
-  kQuery = 21,
-  kEnable = 22,
-  kDisable = 23,
-  kNotify = 24,
-  kAsyncEnable = 25,
-  kAsyncDisable = 26,
-  kPing = 27,
-  kStderr = 28,
-  kFack = 29,
-  kFnak = 30,
-  kFopen = 31,
-  kFclose = 32,
-  kFread = 33,
-  kFwrite = 34,
-  kFrewind = 35,
-  kFunlink = 36,
-  kQueryPQuery = 37,
-  kQueryP = 38,
-  kAttach = 39,
-  kDetach = 40,
-  kAack = 41,
-  kAnak = 42,
-  kDackObsolete = 43,
-  kDnak = 44,
-  kEack = 45,
-  kEnak = 46,
-  kEdone = 47,
-  kEerror = 48,
-  kBroadcast = 49,
-  kFstat = 50,
-  kCmdAckSent = 51,
-  kBeginAckSent = 52,
-  kEndAckSent = 53,
-  kInvokeEx = 54,
-  kFeof = 55,
-  kFseek = 56,
-  kFtell = 57,
-};
-
-inline constexpr int kCategoryCount = 58;
+inline constexpr int kCategoryCount = VARN_CATEGORY_COUNT;
 // The longest category word has 13 characters.
 inline constexpr std::size_t kMaxWordLength = 13;
 inline constexpr std::size_t kLengthDigits = 6;
 // Every packet's total size (6 + L) must stay strictly below this.
 inline constexpr std::size_t kPacketLimit = 999488;
 // The hub's own address, in both directions.
-inline constexpr std::string_view kHubAddress = "quon";
+inline constexpr std::string_view kHubAddress = VARN_HUB_ADDRESS;
 
-// Failures, numbered as the library's error table numbers them.
+// Failures, with the library's error numbers for the same failures.
 enum class WireError : int {
-  kOk = 0,
-  kParse = 3,      // fewer than three header tokens
-  kCategory = 4,   // unknown category code or word
-  kTooLong = 34,   // packet would reach kPacketLimit
-  kBadLength = 2,  // length field is not six decimal digits
+  kOk = VARN_E_NONE,
+  kParse = VARN_E_PARSE,          // fewer than three header tokens
+  kCategory = VARN_E_CATEGORY,    // unknown category code or word
+  kTooLong = VARN_E_TOO_LONG,     // packet would reach kPacketLimit
+  kBadLength = VARN_E_READ_SIZE,  // length field is not six decimal digits
 };
+
+// An address may carry a two-character route prefix whose first character
+// is "!"; the process it names is the address without it. A prefix counts
+// only when an address follows it.
+constexpr std::string_view WithoutRoutePrefix(std::string_view address) {
+  return address.size() > 2 && address[0] == '!' ? address.substr(2) : address;
+}
+
+// Status words "IDLE", "BUSY", "DEAD" by code VARN_STATUS_IDLE..DEAD;
+// nullptr for any other code.
+const char* StatusWord(int status);
+// The code of a status word (exact, upper case). False when unknown.
+bool StatusFromWord(std::string_view word, int* status);
 
 // The word of a code from 1 to 57, or nullptr for any other code (0 too).
 const char* CategoryWord(int code);
@@ -123,6 +76,16 @@ std::size_t BodyLength(std::string_view destination, std::string_view source, st
 WireError BuildPacket(char* buf, std::size_t capacity, std::string_view destination,
                       std::string_view source, int category, const void* payload,
                       std::size_t payload_len, std::size_t* size);
+
+// The header of a packet with a payload: the six length digits, then the
+// destination, source and word, each followed by a blank. HeaderSize is
+// its size. WriteHeader writes it for a body of body_length bytes (the
+// field L) without the blank after the word, which only a packet with a
+// payload has, and returns where that blank goes.
+std::size_t HeaderSize(std::string_view destination, std::string_view source,
+                       std::string_view word);
+char* WriteHeader(char* buf, std::size_t body_length, std::string_view destination,
+                  std::string_view source, std::string_view word);
 
 // Size a packet would need, or 0 when it breaks the limit or the code is bad.
 std::size_t PacketSize(std::string_view destination, std::string_view source, int category,

@@ -108,16 +108,16 @@ std::string OwnAddress() {
   long count = 0;
   for (;;) {
     Packet p = ch.Receive();
-    if (p.category == wire::kCmd) {
-      ch.Send(p.source, wire::kAck, {});
-    } else if (p.category == wire::kData && p.payload == "last") {
-      ch.Send(p.source, wire::kData, "count " + std::to_string(count));
+    if (p.category == VARN_CMD) {
+      ch.Send(p.source, VARN_ACK, {});
+    } else if (p.category == VARN_DATA && p.payload == "last") {
+      ch.Send(p.source, VARN_DATA, "count " + std::to_string(count));
       count = 0;
-    } else if (p.category == wire::kData) {
+    } else if (p.category == VARN_DATA) {
       ++count;
-    } else if (p.category == wire::kKill) {
-      ch.Send("quon", wire::kSrvrErr, "bench done");
-      while (ch.Receive().category != wire::kAck) {
+    } else if (p.category == VARN_KILL) {
+      ch.Send("quon", VARN_SRVR_ERR, "bench done");
+      while (ch.Receive().category != VARN_ACK) {
       }
       std::exit(0);
     }
@@ -132,21 +132,21 @@ struct Result {
 Result Measure(Channel& ch, const std::string& peer, const Settings& s) {
   Result r{};
   for (int i = 0; i < 100; ++i) {  // warm up
-    ch.Send(peer, wire::kCmd, "ping");
+    ch.Send(peer, VARN_CMD, "ping");
     ch.Receive();
   }
   std::int64_t t0 = platform::MonotonicMillis();
   for (long i = 0; i < s.rounds; ++i) {
-    ch.Send(peer, wire::kCmd, "ping");
-    if (ch.Receive().category != wire::kAck) Channel::Die("expected ACK");
+    ch.Send(peer, VARN_CMD, "ping");
+    if (ch.Receive().category != VARN_ACK) Channel::Die("expected ACK");
   }
   std::int64_t t1 = platform::MonotonicMillis();
   r.round_trip_us = 1000.0 * static_cast<double>(t1 - t0) / static_cast<double>(s.rounds);
 
   std::string payload(static_cast<std::size_t>(s.size), 'd');
   t0 = platform::MonotonicMillis();
-  for (long i = 0; i < s.packets; ++i) ch.Send(peer, wire::kData, payload);
-  ch.Send(peer, wire::kData, "last");
+  for (long i = 0; i < s.packets; ++i) ch.Send(peer, VARN_DATA, payload);
+  ch.Send(peer, VARN_DATA, "last");
   Packet done = ch.Receive();
   t1 = platform::MonotonicMillis();
   if (done.payload != "count " + std::to_string(s.packets)) Channel::Die("packets were lost");
@@ -164,11 +164,11 @@ int RunMeasure(Channel& hub, const Settings& s, const char* self_path) {
   // The peer through the hub.
   char cwd[4096];
   if (!platform::CurrentDirectory(cwd, sizeof cwd)) Channel::Die("no working directory");
-  hub.Send("quon", wire::kInvoke, std::string(cwd) + " " + self_path + " echo");
+  hub.Send("quon", VARN_INVOKE, std::string(cwd) + " " + self_path + " echo");
   Packet accept = hub.Receive();
-  if (accept.category != wire::kAccept) Channel::Die("the hub refused to start the peer");
+  if (accept.category != VARN_ACCEPT) Channel::Die("the hub refused to start the peer");
   Result via_hub = Measure(hub, accept.payload, s);
-  hub.Send(accept.payload, wire::kKill, {});
+  hub.Send(accept.payload, VARN_KILL, {});
 
   // The same peer on a raw pipe pair.
   int to_peer[2];
@@ -245,7 +245,7 @@ int main(int argc, char** argv) {
     Channel ch(in, out, OwnAddress());
     if (mode == "echo") Echo(ch);
     int code = RunMeasure(ch, s, argv[0]);
-    ch.Send("quon", wire::kSrvrErr, "");
+    ch.Send("quon", VARN_SRVR_ERR, "");
     return code;
   }
   // Drive: the hub with this program as its first client.

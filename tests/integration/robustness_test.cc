@@ -36,7 +36,7 @@ TEST_F(RobustnessTest, FloodIsHeldBackWhileTheProgramDoesNotReadAndNothingIsLost
   std::string record(1000, 'd');
   std::vector<char> buf(2048);
   std::size_t size = 0;
-  ASSERT_EQ(wire::BuildPacket(buf.data(), buf.size(), self_, kS1, wire::kData, record.data(),
+  ASSERT_EQ(wire::BuildPacket(buf.data(), buf.size(), self_, kS1, VARN_DATA, record.data(),
                               record.size(), &size),
             wire::WireError::kOk);
   std::string packet(buf.data(), size);
@@ -70,7 +70,7 @@ TEST_F(RobustnessTest, RoundTripsStayCheapWithManyMessagesQueuedFromAnotherPeer)
   for (int i = 0; i < 100000; ++i) {
     std::size_t size = 0;
     std::string text = "n" + std::to_string(i);
-    wire::BuildPacket(buf.data(), buf.size(), self_, kS2, wire::kData, text.data(), text.size(),
+    wire::BuildPacket(buf.data(), buf.size(), self_, kS2, VARN_DATA, text.data(), text.size(),
                       &size);
     flood.append(buf.data(), size);
   }

@@ -36,9 +36,9 @@ void Feed(PacketFramer& framer, std::string_view bytes) {
 }
 
 TEST(QuonPacketFramerTest, CutsPacketsWhereverTheReadsEnd) {
-  std::string stream = Build("1@h", "2@h", wire::kCmd, "run 1") +
-                       Build("quon", "2@h", wire::kStatus, "IDLE") +
-                       Build("1@h", "2@h", wire::kAck, "");
+  std::string stream = Build("1@h", "2@h", VARN_CMD, "run 1") +
+                       Build("quon", "2@h", VARN_STATUS, "IDLE") +
+                       Build("1@h", "2@h", VARN_ACK, "");
   PacketFramer framer;
   std::vector<std::string> seen;
   std::string reason;
@@ -70,41 +70,17 @@ TEST(QuonPacketFramerTest, ReportsBadInputAndRecovers) {
   EXPECT_NE(reason.find("over the size limit"), std::string::npos);
   Feed(framer, std::string(500000, 'a'));
   EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kNeedMore);
-  Feed(framer, std::string(499999, 'a') + Build("quon", "1@h", wire::kPing, ""));
+  Feed(framer, std::string(499999, 'a') + Build("quon", "1@h", VARN_PING, ""));
   ASSERT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kPacket);
-  EXPECT_EQ(p.category, wire::kPing);
+  EXPECT_EQ(p.category, VARN_PING);
 
-  Feed(framer, std::string("000006ab\0\0\0\0", 12) + Build("quon", "1@h", wire::kPing, ""));
+  Feed(framer, std::string("000006ab\0\0\0\0", 12) + Build("quon", "1@h", VARN_PING, ""));
   Feed(framer, std::string("000014quon 1@h NOPE\0", 20));
   EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kBad);
   EXPECT_EQ(reason, "fewer than three header tokens");
   EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kPacket);
   EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kBad);
   EXPECT_EQ(reason, "unknown category word \"NOPE\"");
-}
-
-TEST(QuonStartRequestTest, ReadsWrappedFieldsHostsAndArguments) {
-  StartRequest r;
-  std::string error;
-  ASSERT_TRUE(ParseStartRequest("\"/tmp/My Work\" h1:tool -a \"b c\"", &r, &error));
-  EXPECT_EQ(r.directory, "/tmp/My Work");
-  EXPECT_EQ(r.command, "h1:tool");
-  EXPECT_EQ(r.host, "h1");
-  EXPECT_EQ(r.program, "tool");
-  EXPECT_EQ(r.arguments, "-a \"b c\"");
-
-  ASSERT_TRUE(ParseStartRequest("/w \"my tool\"", &r, &error));
-  EXPECT_EQ(r.program, "my tool");
-  EXPECT_EQ(r.host, "");
-  EXPECT_EQ(r.arguments, "");
-  ASSERT_TRUE(ParseStartRequest("/w ./bin:x/prog", &r, &error));  // a path, not a host
-  EXPECT_EQ(r.program, "./bin:x/prog");
-  EXPECT_EQ(r.host, "");
-
-  EXPECT_FALSE(ParseStartRequest("", &r, &error));
-  EXPECT_FALSE(ParseStartRequest("/w", &r, &error));
-  EXPECT_FALSE(ParseStartRequest("\"/w tool", &r, &error));
-  EXPECT_FALSE(ParseStartRequest("/w h1:", &r, &error));
 }
 
 TEST(QuonStartRequestTest, SplitsArgumentsLikeAShell) {
@@ -120,7 +96,7 @@ TEST(QuonStartRequestTest, SplitsArgumentsLikeAShell) {
   EXPECT_FALSE(SplitWords("a \"b\\\"", &w, &error));
 }
 
-class QuonFileTableTest : public ::testing::Test {
+class QuonOpenFilesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     root_ = (fs::temp_directory_path() / ("quon-parts-" + std::to_string(platform::ProcessId())))
@@ -143,61 +119,60 @@ class QuonFileTableTest : public ::testing::Test {
   std::string outside_;
 };
 
-TEST_F(QuonFileTableTest, KeepsBinaryDataAndCapsReads) {
-  FileTable table(files_root_);
-  FileReply r = table.Handle(wire::kFopen, "sub/data BINARY WRITE");
-  EXPECT_EQ(r.category, wire::kFnak);  // mode and type are in that order
-  r = table.Handle(wire::kFopen, std::string("sub/data WRITE BINARY\0\0", 23));
-  ASSERT_EQ(r.category, wire::kFack);
+TEST_F(QuonOpenFilesTest, KeepsBinaryDataAndCapsReads) {
+  OpenFiles table(files_root_);
+  FileReply r = table.Handle(VARN_FOPEN, "sub/data BINARY WRITE");
+  EXPECT_EQ(r.category, VARN_FNAK);  // mode and type are in that order
+  r = table.Handle(VARN_FOPEN, std::string("sub/data WRITE BINARY\0\0", 23));
+  ASSERT_EQ(r.category, VARN_FACK);
   std::string fd = r.payload;
   // The byte count decides; trailing NULs inside the count are data.
   std::string payload = fd + " 4 " + std::string("a\0b\0", 4) + std::string(2, '\0');
-  EXPECT_EQ(table.Handle(wire::kFwrite, payload).payload, "4");
-  EXPECT_EQ(table.Handle(wire::kFwrite, fd + " 9 short").category, wire::kFnak);
-  EXPECT_EQ(table.Handle(wire::kFwrite, fd + " -1 x").category, wire::kFnak);
-  std::string big(FileTable::kMaxRead + 100, 'q');
-  EXPECT_EQ(table.Handle(wire::kFwrite, fd + " " + std::to_string(big.size()) + " " + big).category,
-            wire::kFack);
-  EXPECT_EQ(table.Handle(wire::kFclose, fd).category, wire::kFack);
-  EXPECT_EQ(table.Handle(wire::kFclose, fd).payload, "bad file number");
+  EXPECT_EQ(table.Handle(VARN_FWRITE, payload).payload, "4");
+  EXPECT_EQ(table.Handle(VARN_FWRITE, fd + " 9 short").category, VARN_FNAK);
+  EXPECT_EQ(table.Handle(VARN_FWRITE, fd + " -1 x").category, VARN_FNAK);
+  std::string big(OpenFiles::kMaxRead + 100, 'q');
+  EXPECT_EQ(table.Handle(VARN_FWRITE, fd + " " + std::to_string(big.size()) + " " + big).category,
+            VARN_FACK);
+  EXPECT_EQ(table.Handle(VARN_FCLOSE, fd).category, VARN_FACK);
+  EXPECT_EQ(table.Handle(VARN_FCLOSE, fd).payload, "bad file number");
 
-  r = table.Handle(wire::kFopen, "sub/data READ BINARY");
-  ASSERT_EQ(r.category, wire::kFack);
-  r = table.Handle(wire::kFread, r.payload + " 99999999");
-  ASSERT_EQ(r.category, wire::kFack);
-  EXPECT_EQ(r.payload.size(), FileTable::kMaxRead);
+  r = table.Handle(VARN_FOPEN, "sub/data READ BINARY");
+  ASSERT_EQ(r.category, VARN_FACK);
+  r = table.Handle(VARN_FREAD, r.payload + " 99999999");
+  ASSERT_EQ(r.category, VARN_FACK);
+  EXPECT_EQ(r.payload.size(), OpenFiles::kMaxRead);
   EXPECT_EQ(r.payload.substr(0, 5), std::string("a\0b\0q", 5));
-  EXPECT_EQ(table.Handle(wire::kFread, "1 0").category, wire::kFnak);
-  EXPECT_EQ(table.Handle(wire::kFread, "1").category, wire::kFnak);
-  EXPECT_EQ(table.Handle(wire::kFseek, "2 x 0").payload, "bad request");
-  EXPECT_EQ(table.Handle(wire::kFseek, "2 -2 2").payload, std::to_string(big.size() + 2));
-  EXPECT_EQ(table.Handle(wire::kFseek, "2 1 7").payload, "1");  // unknown whence: from start
+  EXPECT_EQ(table.Handle(VARN_FREAD, "1 0").category, VARN_FNAK);
+  EXPECT_EQ(table.Handle(VARN_FREAD, "1").category, VARN_FNAK);
+  EXPECT_EQ(table.Handle(VARN_FSEEK, "2 x 0").payload, "bad request");
+  EXPECT_EQ(table.Handle(VARN_FSEEK, "2 -2 2").payload, std::to_string(big.size() + 2));
+  EXPECT_EQ(table.Handle(VARN_FSEEK, "2 1 7").payload, "1");  // unknown whence: from start
   EXPECT_EQ(table.open_count(), 1u);
   table.CloseAll();
   EXPECT_EQ(table.open_count(), 0u);
 }
 
-TEST_F(QuonFileTableTest, RefusesEveryWayOutOfTheRoot) {
-  FileTable table(files_root_);
+TEST_F(QuonOpenFilesTest, RefusesEveryWayOutOfTheRoot) {
+  OpenFiles table(files_root_);
   fs::create_symlink(outside_, root_ + "/sub/door");
   fs::create_symlink(outside_ + "/secret", root_ + "/secret-link");
   std::vector<std::string> ways_out = {"../x", "sub/../../x", "sub/door/secret", "secret-link",
                                        outside_ + "/secret"};
   for (const std::string& path : ways_out) {
-    EXPECT_EQ(table.Handle(wire::kFopen, path + " READ TEXT").payload, "outside the files root")
+    EXPECT_EQ(table.Handle(VARN_FOPEN, path + " READ TEXT").payload, "outside the files root")
         << path;
-    EXPECT_EQ(table.Handle(wire::kFstat, path).payload, "outside the files root") << path;
+    EXPECT_EQ(table.Handle(VARN_FSTAT, path).payload, "outside the files root") << path;
   }
-  EXPECT_EQ(table.Handle(wire::kFopen, "sub/door/new WRITE TEXT").payload,
-            "outside the files root");
+  EXPECT_EQ(table.Handle(VARN_FOPEN, "sub/door/new WRITE TEXT").payload, "outside the files root");
   EXPECT_FALSE(fs::exists(outside_ + "/new"));
-  EXPECT_EQ(table.Handle(wire::kFstat, "sub/door").payload, "outside the files root");
+  EXPECT_EQ(table.Handle(VARN_FSTAT, "sub/door").payload, "outside the files root");
   // Removing a link removes the link, not what it points at.
-  EXPECT_EQ(table.Handle(wire::kFunlink, "secret-link").category, wire::kFack);
+  EXPECT_EQ(table.Handle(VARN_FUNLINK, "secret-link").category, VARN_FACK);
   EXPECT_TRUE(fs::exists(outside_ + "/secret"));
-  EXPECT_EQ(table.Handle(wire::kFunlink, "sub/door/secret").payload, "outside the files root");
-  EXPECT_EQ(table.Handle(wire::kFstat, root_).payload, "1");
-  EXPECT_EQ(table.Handle(wire::kFopen, "sub READ TEXT").category, wire::kFnak);
+  EXPECT_EQ(table.Handle(VARN_FUNLINK, "sub/door/secret").payload, "outside the files root");
+  EXPECT_EQ(table.Handle(VARN_FSTAT, root_).payload, "1");
+  EXPECT_EQ(table.Handle(VARN_FOPEN, "sub READ TEXT").category, VARN_FNAK);
 }
 
 TEST(QuonSpawnTest, ReportsFailuresBeforeReturning) {

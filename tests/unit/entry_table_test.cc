@@ -8,6 +8,8 @@
 #include <tuple>
 
 #include "core/library_state.h"
+#include "core/remote_file_table.h"
+#include "core/rows.h"
 #include "varn.h"
 
 namespace {
@@ -241,7 +243,7 @@ class FileTableTest : public ::testing::Test {
   void SetUp() override { Reset(); }
   void TearDown() override { Reset(); }
   static void Reset() {
-    VarnFileEntry* table = varn::core::FileTable();
+    VarnFileEntry* table = &varn::core::FileRow(0);
     for (int i = 0; i < VARN_FILE_ENTRIES; ++i) {
       std::free(table[i].name);
       std::free(table[i].last_data);
@@ -252,7 +254,7 @@ class FileTableTest : public ::testing::Test {
 };
 
 TEST_F(FileTableTest, WaitingRowIsFoundInIndexOrderIncludingReplyRow) {
-  VarnFileEntry* table = varn::core::FileTable();
+  VarnFileEntry* table = &varn::core::FileRow(0);
   VarnErrorNo = 31;
   EXPECT_EQ(varnP_find_file_entry(), -1);
   EXPECT_EQ(VarnErrorNo, 0);
@@ -264,7 +266,7 @@ TEST_F(FileTableTest, WaitingRowIsFoundInIndexOrderIncludingReplyRow) {
 }
 
 TEST_F(FileTableTest, ClearingLeavesTheReplyRowAlone) {
-  VarnFileEntry* table = varn::core::FileTable();
+  VarnFileEntry* table = &varn::core::FileRow(0);
   for (int i = 0; i < VARN_FILE_ENTRIES; ++i) {
     table[i] = VarnFileEntry{1, nullptr, 7, 2, 2, VARN_FACK, nullptr, 3, 1, 1};
   }
@@ -284,7 +286,7 @@ TEST_F(FileTableTest, ClearingLeavesTheReplyRowAlone) {
 }
 
 TEST_F(FileTableTest, FilingAnAnswerReplacesThePayloadCopy) {
-  VarnFileEntry* table = varn::core::FileTable();
+  VarnFileEntry* table = &varn::core::FileRow(0);
   EXPECT_FALSE(varn::core::FileAnswer(VARN_FACK, "3", 1));  // nobody waits: dropped
 
   table[VARN_QUON_REPLY_ROW].state = 2;

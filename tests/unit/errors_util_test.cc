@@ -8,7 +8,6 @@
 #include <string>
 
 #include "core/library_state.h"
-#include "core/status.h"
 #include "host/support.h"
 #include "varn.h"
 
@@ -97,10 +96,6 @@ TEST_F(UtilTest, StatusWords) {
   }
   EXPECT_EQ(code, 2);
   EXPECT_EQ(VarnErrorNo, 17);
-
-  EXPECT_STREQ(varn::core::StatusWord(VARN_STATUS_BUSY), "BUSY");
-  EXPECT_EQ(varn::core::StatusWord(3), nullptr);
-  EXPECT_EQ(varn::core::StatusWord(-1), nullptr);
 }
 
 TEST_F(UtilTest, StringFieldRule) {

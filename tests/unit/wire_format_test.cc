@@ -41,7 +41,7 @@ std::string_view Payload(const std::string& packet, const Header& header) {
 }
 
 TEST(WireFormatTest, CommandPacketBytesAndSplit) {
-  std::string packet = Build("5120@lab7", "4312@lab7", varn::wire::kCmd, "run 1");
+  std::string packet = Build("5120@lab7", "4312@lab7", VARN_CMD, "run 1");
   EXPECT_EQ(packet, "0000305120@lab7 4312@lab7 CMD run 1\0"s);
   EXPECT_EQ(packet.size(), 36u);
 
@@ -54,7 +54,7 @@ TEST(WireFormatTest, CommandPacketBytesAndSplit) {
 }
 
 TEST(WireFormatTest, AckWithoutPayloadNeedsNoPadding) {
-  std::string packet = Build("quon", "4312@lab7", varn::wire::kAck, "");
+  std::string packet = Build("quon", "4312@lab7", VARN_ACK, "");
   EXPECT_EQ(packet, "000018quon 4312@lab7 ACK");
   Header header = Split(packet);
   EXPECT_EQ(header.word, "ACK");
@@ -65,20 +65,20 @@ TEST(WireFormatTest, AckWithoutPayloadNeedsNoPadding) {
 TEST(WireFormatTest, SizeLimitBoundary) {
   const std::size_t fits = 999453;
   std::string payload(fits, 'x');
-  std::string packet = Build("5120@lab7", "4312@lab7", varn::wire::kData, payload);
+  std::string packet = Build("5120@lab7", "4312@lab7", VARN_DATA, payload);
   EXPECT_EQ(packet.size(), 999484u);
   EXPECT_EQ(packet.substr(0, 6), "999478");
-  EXPECT_EQ(varn::wire::PacketSize("5120@lab7", "4312@lab7", varn::wire::kData, fits), 999484u);
+  EXPECT_EQ(varn::wire::PacketSize("5120@lab7", "4312@lab7", VARN_DATA, fits), 999484u);
 
   // One more byte needs three bytes of padding and reaches the limit.
   payload.push_back('x');
   std::vector<char> buf(varn::wire::kPacketLimit + 16);
   std::size_t size = 7;
-  EXPECT_EQ(BuildPacket(buf.data(), buf.size(), "5120@lab7", "4312@lab7", varn::wire::kData,
-                        payload.data(), payload.size(), &size),
+  EXPECT_EQ(BuildPacket(buf.data(), buf.size(), "5120@lab7", "4312@lab7", VARN_DATA, payload.data(),
+                        payload.size(), &size),
             WireError::kTooLong);
   EXPECT_EQ(size, 7u);
-  EXPECT_EQ(varn::wire::PacketSize("5120@lab7", "4312@lab7", varn::wire::kData, fits + 1), 0u);
+  EXPECT_EQ(varn::wire::PacketSize("5120@lab7", "4312@lab7", VARN_DATA, fits + 1), 0u);
 }
 
 TEST(WireFormatTest, BuildRefusesBadCategoryAndSmallBuffer) {
@@ -90,14 +90,12 @@ TEST(WireFormatTest, BuildRefusesBadCategoryAndSmallBuffer) {
     EXPECT_EQ(varn::wire::PacketSize("a", "b", code, 0), 0u) << code;
   }
   // "000018quon 4312@lab7 ACK" needs 24 bytes.
-  EXPECT_EQ(BuildPacket(buf, 23, "quon", "4312@lab7", varn::wire::kAck, nullptr, 0, &size),
+  EXPECT_EQ(BuildPacket(buf, 23, "quon", "4312@lab7", VARN_ACK, nullptr, 0, &size),
             WireError::kTooLong);
-  EXPECT_EQ(BuildPacket(buf, 24, "quon", "4312@lab7", varn::wire::kAck, nullptr, 0, &size),
-            WireError::kOk);
+  EXPECT_EQ(BuildPacket(buf, 24, "quon", "4312@lab7", VARN_ACK, nullptr, 0, &size), WireError::kOk);
   EXPECT_EQ(size, 24u);
   // A null payload is no payload, whatever length comes with it.
-  EXPECT_EQ(BuildPacket(buf, 24, "quon", "4312@lab7", varn::wire::kAck, nullptr, 5, &size),
-            WireError::kOk);
+  EXPECT_EQ(BuildPacket(buf, 24, "quon", "4312@lab7", VARN_ACK, nullptr, 5, &size), WireError::kOk);
   EXPECT_EQ(size, 24u);
 }
 
@@ -107,8 +105,8 @@ TEST(WireFormatTest, PaddingOnReceiptWithoutPayload) {
     int category;
     std::size_t padding;
   };
-  for (Case c : {Case{varn::wire::kAck, 0}, Case{varn::wire::kStatus, 1},
-                 Case{varn::wire::kBegin, 2}, Case{varn::wire::kDone, 3}}) {
+  for (Case c :
+       {Case{VARN_ACK, 0}, Case{VARN_STATUS, 1}, Case{VARN_BEGIN, 2}, Case{VARN_DONE, 3}}) {
     std::string packet = Build("quon", "4312@lab7", c.category, "");
     ASSERT_EQ(packet.size() % 4, 0u);
     Header header = Split(packet);
@@ -127,7 +125,7 @@ TEST(WireFormatTest, PaddingOnReceiptWithoutPayload) {
 
 TEST(WireFormatTest, PayloadWithBlanksAndNulBytesArrivesUnchanged) {
   const std::string payload = "  two  blanks\0and NUL \0"s;
-  std::string packet = Build("5120@lab7", "quon", varn::wire::kData, payload);
+  std::string packet = Build("5120@lab7", "quon", VARN_DATA, payload);
   Header header = Split(packet);
   EXPECT_EQ(header.destination, "5120@lab7");
   EXPECT_EQ(header.source, "quon");

@@ -1,26 +1,22 @@
-// The remote file table: rows 0..29 for remote files, row 30 collecting
-// Quon's answers to requests that are not tied to an open file.
+#include "core/remote_file_table.h"
+
 #include <cstdlib>
 #include <cstring>
 
-#include "core/library_state.h"
 #include "varn.h"
 
 namespace varn::core {
 namespace {
 
-constexpr int kFileRows = VARN_QUON_REPLY_ROW;  // rows that belong to files
-constexpr int kRowWaiting = 2;
-
-VarnFileEntry g_file_table[VARN_FILE_ENTRIES] = {};
+VarnFileEntry g_table[VARN_FILE_ENTRIES] GUARDED_BY(kLibrary) = {};
 
 }  // namespace
 
-VarnFileEntry* FileTable() { return g_file_table; }
+VarnFileEntry& FileRow(int index) { return g_table[index]; }
 
 void ClearFileRows() {
   for (int i = 0; i < kFileRows; ++i) {
-    VarnFileEntry& row = g_file_table[i];
+    VarnFileEntry& row = g_table[i];
     std::free(row.name);
     std::free(row.last_data);
     row = VarnFileEntry{};
@@ -31,7 +27,7 @@ void ClearFileRows() {
 bool FileAnswer(int category, const char* payload, std::size_t length) {
   int index = varnP_find_file_entry();
   if (index < 0) return false;
-  VarnFileEntry& row = g_file_table[index];
+  VarnFileEntry& row = g_table[index];
   row.last_category = category;
   std::free(row.last_data);
   row.last_data = nullptr;
@@ -51,13 +47,24 @@ bool FileAnswer(int category, const char* payload, std::size_t length) {
   return true;
 }
 
+AwaitingAnswer::AwaitingAnswer(int index, FileRowState after)
+    : row_(g_table[index]), after_(after) {
+  row_.state = static_cast<std::uint32_t>(FileRowState::kWaiting);
+  row_.last_category = VARN_NONE;
+}
+
+AwaitingAnswer::~AwaitingAnswer() { row_.state = static_cast<std::uint32_t>(after_); }
+
 }  // namespace varn::core
 
 int varnP_find_file_entry(void) noexcept {
+  varn::core::OnApplicationThread();
   VarnErrorNo = VARN_E_NONE;
-  const VarnFileEntry* table = varn::core::FileTable();
   for (int i = 0; i < VARN_FILE_ENTRIES; ++i) {
-    if (table[i].state == varn::core::kRowWaiting) return i;
+    if (varn::core::FileRow(i).state ==
+        static_cast<std::uint32_t>(varn::core::FileRowState::kWaiting)) {
+      return i;
+    }
   }
   return -1;
 }

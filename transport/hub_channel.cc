@@ -1,0 +1,303 @@
+// The channel to the hub, and the input thread's loop on it: read whole
+// packets, drop PING, answer STATUS?, handle INTR and KILL with the
+// application's thread held, and hand every other packet over in order.
+// When the channel ends or fails the loop stops reading and hands over,
+// from then on, the hub's loss (a SRVR_ERR from the hub), so that every
+// wait ends with error 43.
+#include "transport/hub_channel.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "core/diag.h"
+#include "core/library_state.h"
+#include "core/status.h"
+#include "platform/thread.h"
+#include "transport/channel.h"
+#include "transport/input_thread.h"
+#include "transport/output.h"
+#include "transport/wire_format.h"
+#include "transport/wire_requests.h"
+#include "varn.h"
+
+namespace varn::transport {
+namespace {
+
+using core::Diag;
+using core::Fixed;
+
+// How long the input thread waits for the application's thread to park
+// before it parks it where it is (and again before it gives up).
+constexpr int kHoldWaitMs = 1000;
+
+// Holds the application's thread for a scope: the input thread has the
+// library's state at its disposal meanwhile. When the hold failed
+// (result() is kFailed) nothing may be touched.
+class SCOPED_CAPABILITY HeldApplication {
+ public:
+  HeldApplication() ACQUIRE(core::kLibrary) : result_(platform::ThreadHold::Hold(kHoldWaitMs)) {}
+  ~HeldApplication() RELEASE() {
+    if (result_ != platform::ThreadHold::Result::kFailed) platform::ThreadHold::Release();
+  }
+  HeldApplication(const HeldApplication&) = delete;
+  HeldApplication& operator=(const HeldApplication&) = delete;
+  platform::ThreadHold::Result result() const { return result_; }
+
+ private:
+  platform::ThreadHold::Result result_;
+};
+
+// Reads exactly count bytes from the channel. False when it ended first.
+bool ReadChannel(void* buf, std::size_t count) {
+  std::size_t got = 0;
+  while (got < count) {
+    std::size_t n = 0;
+    if (!read_file_win(Fixed().quonin_fd, static_cast<char*>(buf) + got, count - got, &n) ||
+        n == 0) {
+      return false;
+    }
+    got += n;
+  }
+  return true;
+}
+
+// The hub's loss as a packet from the hub: what the application's thread
+// takes once the channel has ended.
+PacketBody HubLossPacket() {
+  const char* own = Fixed().own_address;
+  std::string text = std::string(own) + " " + VARN_HUB_ADDRESS + " SRVR_ERR";
+  PacketBody p;
+  p.data = static_cast<char*>(std::malloc(text.size() + 1));
+  if (p.data != nullptr) {
+    std::memcpy(p.data, text.c_str(), text.size() + 1);
+    p.length = text.size();
+  }
+  return p;
+}
+
+// Reads one whole packet from the channel. A packet that cannot be
+// allocated is read and discarded.
+enum class ReadResult { kPacket, kSkipped, kEnd };
+ReadResult ReadPacket(PacketBody* packet, bool input_thread) {
+  char digits[wire::kLengthDigits + 1] = {};
+  if (Fixed().trace && input_thread) {
+    Diag("@@@ Thread=%u ReadFile(1)...\n", platform::CurrentThreadId());
+  }
+  if (!ReadChannel(digits, wire::kLengthDigits)) return ReadResult::kEnd;
+  std::size_t length = 0;
+  if (wire::ParseLength(digits, &length) != wire::WireError::kOk) {
+    // A length field that is not six digits means the stream is out of
+    // step; nothing after it can be trusted, so it is treated as the end.
+    Diag("@@@ Thread=%u varnP_thread: bad length field \"%s\", channel closed\n",
+         platform::CurrentThreadId(), digits);
+    return ReadResult::kEnd;
+  }
+  char* body = static_cast<char*>(std::malloc(length + 1));
+  if (body == nullptr) {
+    Diag("@@@ Thread=%u varnP_thread(2): malloc failed %d byte buffer\n",
+         platform::CurrentThreadId(), static_cast<int>(length));
+    char sink[4096];
+    while (length > 0) {
+      std::size_t piece = length < sizeof sink ? length : sizeof sink;
+      if (!ReadChannel(sink, piece)) return ReadResult::kEnd;
+      length -= piece;
+    }
+    return ReadResult::kSkipped;
+  }
+  if (Fixed().trace && input_thread) {
+    Diag("@@@ Thread=%u ReadFile(2)...\n", platform::CurrentThreadId());
+  }
+  if (!ReadChannel(body, length)) {
+    std::free(body);
+    return ReadResult::kEnd;
+  }
+  body[length] = '\0';
+  packet->data = body;
+  packet->length = length;
+  return ReadResult::kPacket;
+}
+
+// Answers STATUS? from the status the application's thread last set,
+// without holding it: a busy or sleeping process answers at once and its
+// sleep is not cut short.
+void AnswerStatusQuery(const wire::Header& header) {
+  char text[VARN_STATUS_TEXT_SIZE];
+  int status = core::StatusSnapshot(text, sizeof text);
+  std::string answer = wire::BuildStatusAnswer(status, text);
+  std::string destination(header.source);
+  std::string source(header.destination);
+  WireOnlyScope wire_only;
+  SendSmallPacketQuiet(destination.c_str(), source.c_str(), VARN_STATUS, answer.c_str(), 0);
+}
+
+void ReportInterruptFailure() {
+  if (VarnErrorNo != 0) {
+    Diag("@@@ Thread=%u varnP_thread_quonin(2): INTR processing failed: VarnErrorNo=%d\n",
+         platform::CurrentThreadId(), VarnErrorNo);
+  }
+}
+
+void HandleInterrupt(PacketBody packet, int category) {
+  HeldApplication held;
+  if (held.result() == platform::ThreadHold::Result::kFailed) {
+    // The application's thread does not let itself be held (it blocks the
+    // hold signal). An INTR then reaches it at its next read, like any
+    // message; a KILL ends the process without touching library state.
+    if (category == VARN_INTR) {
+      HandToApplication(packet);
+      return;
+    }
+    Diag("@@@ Thread=%u varnP_thread_quonin(2): KILL without holding the application\n",
+         platform::CurrentThreadId());
+    std::free(packet.data);
+    EndProcess(0);
+  }
+  if (Fixed().trace) {
+    Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
+  }
+  // The held thread may be in the middle of a call that looks at
+  // VarnErrorNo; an INTR leaves it as it was.
+  int saved_error = VarnErrorNo;
+  // Parked inside a deferred section, the held thread may own the wire
+  // lock in the middle of a packet: nothing can be written until it goes on.
+  SetInterruptContext(true, held.result() == platform::ThreadHold::Result::kHeldInSection);
+  char *destination, *source, *payload;
+  int parsed_category = 0;
+  std::size_t payload_length = 0;
+  if (!varn_recv_parse_message(packet.data, packet.length, &destination, &source, &parsed_category,
+                               &payload, &payload_length)) {
+    ReportInterruptFailure();
+  } else if (!varn_parse_message(source, destination, payload, parsed_category, payload_length)) {
+    ReportInterruptFailure();
+  }
+  SetInterruptContext(false);
+  std::free(packet.data);
+  if (category == VARN_KILL) EndProcess(0);
+  if (VarnErrorNo != VARN_E_DAEMON_GONE) VarnErrorNo = saved_error;
+}
+
+void PacketLoop() {
+  for (;;) {
+    PacketBody packet;
+    ReadResult r = ReadPacket(&packet, true);
+    if (r == ReadResult::kEnd) {
+      HandToApplicationLast(HubLossPacket());
+      CloseHandOver();
+      return;
+    }
+    if (r == ReadResult::kSkipped) continue;
+    int count = NextInputCount();
+    wire::Header header;
+    if (wire::SplitBody(packet.data, packet.length, &header) != wire::WireError::kOk) {
+      Diag("@@@ Thread=%u varnP_thread(2): bad packet received : length=%06d buffer=%s\n",
+           platform::CurrentThreadId(), static_cast<int>(packet.length), packet.data);
+      std::free(packet.data);
+      continue;
+    }
+    if (Fixed().trace) {
+      Diag("@@@ Thread=%u + inComing[%d]=%06zu%s\n", platform::CurrentThreadId(), count,
+           packet.length, packet.data);
+    }
+    int category = VARN_NONE;
+    wire::CategoryFromWord(header.word, &category);
+    if (category == VARN_KILL || category == VARN_INTR) {
+      HandleInterrupt(packet, category);
+    } else if (category == VARN_STATUS_Q) {
+      // Answered here so that a process busy in its own code (a server
+      // computing a long answer) still reports BUSY and its progress text.
+      if (Fixed().trace) {
+        Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
+      }
+      AnswerStatusQuery(header);
+      std::free(packet.data);
+    } else if (category == VARN_PING) {
+      if (Fixed().trace) {
+        Diag("@@@ Thread=%u <<< quonin <--- [%06zu%s]\n", platform::CurrentThreadId(),
+             packet.length, packet.data);
+      }
+      std::free(packet.data);
+    } else {
+      if (Fixed().trace) {
+        Diag("@@@ Thread=%u + WriteFile[%d]=%06zu%s\n", platform::CurrentThreadId(), count,
+             packet.length, packet.data);
+      }
+      HandToApplication(packet);
+    }
+  }
+}
+
+class HubChannel final : public Channel {
+ public:
+  void RunInput() override { PacketLoop(); }
+
+  bool TakeBody(char** body, std::size_t* length) override {
+    bool trace = Fixed().trace;
+    if (trace) Diag("(1) thread=%u ReadFile(1)...\n", platform::CurrentThreadId());
+    PacketBody p;
+    if (InInterruptContext()) {
+      // While an interrupt is handled the packet source is the channel
+      // itself: the input thread, which would hand packets over, is busy.
+      ReadResult r;
+      do {
+        r = ReadPacket(&p, false);
+      } while (r == ReadResult::kSkipped);
+      if (r == ReadResult::kEnd) p = HubLossPacket();
+    } else if (!TakeHandedOver(&p)) {
+      p = HubLossPacket();
+    }
+    if (p.data == nullptr) {
+      VarnErrorNo = VARN_E_MALLOC;
+      return false;
+    }
+    int taken = NextTakenCount();
+    if (trace) {
+      Diag("thread=%u <<< quonin <--- %d [%06d%s]\n", platform::CurrentThreadId(), taken,
+           static_cast<int>(p.length), p.data);
+    }
+    *body = p.data;
+    *length = p.length;
+    return true;
+  }
+
+  bool Split(char* body, std::size_t length, Message* m) override {
+    m->body = body;
+    return varn_recv_parse_message(body, length, &m->destination, &m->source, &m->category,
+                                   &m->payload, &m->length) != 0;
+  }
+
+  int WritePacket(char* packet, std::size_t size) override { return WriteToHub(packet, size); }
+
+  bool StoreInRow(int h, const char* destination, const char* source, int category,
+                  const char* payload, std::size_t length, std::uint32_t recv_stream,
+                  std::uint32_t send_stream) override {
+    return StoreMessage(h, destination, source, category, payload, length, recv_stream,
+                        send_stream);
+  }
+
+  int ReadStream(int h, int* category, char* buffer, std::int64_t size, std::size_t* length,
+                 StreamRead how) override {
+    return ReadStreamRecord(h, category, buffer, size, length, how);
+  }
+
+  int SendToRow(int h, int category, const char* payload, std::size_t length) override {
+    return ProtocolStep(h, category, payload, length);
+  }
+};
+
+HubChannel g_hub_channel;
+Channel* g_debug_channel = nullptr;  // registered while the library loads
+Channel* g_active = &g_hub_channel;  // chosen by varn_init, before the input thread starts
+
+}  // namespace
+
+Channel& ActiveChannel() { return *g_active; }
+
+void ChooseChannel(bool debug) {
+  g_active = debug && g_debug_channel != nullptr ? g_debug_channel : &g_hub_channel;
+}
+
+void RegisterDebugChannel(Channel* channel) { g_debug_channel = channel; }
+
+}  // namespace varn::transport
