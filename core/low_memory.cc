@@ -17,7 +17,7 @@ char g_message[512];
 int Handler(std::size_t reserve, std::size_t request) {
   char* message = nullptr;
   int result = varn_no_memory_msg(reserve, request, &message);
-  // No console here: the message goes to the error stream only.
+  // The message goes to the error stream.
   varn::core::Diag("%s", message);
   return result;
 }

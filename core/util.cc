@@ -43,8 +43,10 @@ int varn_util_sleep(int seconds, int milliseconds) noexcept {
   return 1;
 }
 
-// Signal masking has no counterpart here; the calls stay so that the queue
-// and the protocol keep their structure.
+// The queue and the protocol call these around the steps that change
+// shared lists. Nothing is masked: no signal handler of the library touches
+// those lists (the input thread holds the application's thread instead), so
+// the calls do nothing.
 void varn_util_hold_sigusr1(int /*how*/) noexcept {}
 void varn_util_release_sigusr1(int /*how*/) noexcept {}
 void varn_util_sigaction(int /*signal_number*/) noexcept {}

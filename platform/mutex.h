@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "platform/thread_annotations.h"
 
@@ -30,6 +31,9 @@ class CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
+// A mutex that can also be waited for with a bound. The bounded wait polls
+// (every millisecond): it serves rare waits that must not block for ever,
+// and it keeps to the plain lock and try-lock that every tool understands.
 class CAPABILITY("mutex") TimedMutex {
  public:
   TimedMutex() = default;
@@ -38,12 +42,17 @@ class CAPABILITY("mutex") TimedMutex {
 
   void Lock() ACQUIRE() { mutex_.lock(); }
   bool TryLockFor(std::chrono::milliseconds wait) TRY_ACQUIRE(true) {
-    return mutex_.try_lock_for(wait);
+    auto deadline = std::chrono::steady_clock::now() + wait;
+    while (!mutex_.try_lock()) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
   }
   void Unlock() RELEASE() { mutex_.unlock(); }
 
  private:
-  std::timed_mutex mutex_;
+  std::mutex mutex_;
 };
 
 // Holds a Mutex for a scope.

@@ -1,6 +1,8 @@
 #include "platform/spawn.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -9,6 +11,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+
+#include "platform/event_loop.h"
+#include "platform/system.h"
+
+extern char** environ;
 
 namespace varn::platform {
 namespace {
@@ -58,6 +65,23 @@ std::string FindProgram(const SpawnRequest& r) {
   return "";
 }
 
+// The caller's environment with the request's entries added, each one
+// replacing a variable of its name.
+std::vector<std::string> ChildEnvironment(const std::vector<std::string>& added) {
+  auto name_of = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
+  std::vector<std::string> names;
+  for (const auto& entry : added) names.push_back(name_of(entry));
+  std::vector<std::string> env;
+  for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
+    std::string entry = *e;
+    bool replaced = false;
+    for (const auto& name : names) replaced = replaced || name == name_of(entry);
+    if (!replaced) env.push_back(std::move(entry));
+  }
+  env.insert(env.end(), added.begin(), added.end());
+  return env;
+}
+
 [[noreturn]] void ChildFail(int report_fd, int step) {
   ChildReport report{step, errno};
   ssize_t ignored = write(report_fd, &report, sizeof report);
@@ -67,7 +91,12 @@ std::string FindProgram(const SpawnRequest& r) {
 
 // Runs in the child between fork and exec: only async-signal-safe calls.
 [[noreturn]] void RunChild(const SpawnRequest& r, const char* path, char* const* argv,
-                           int report_fd) {
+                           char* const* envp, pid_t parent, int report_fd) {
+  if (r.die_with_parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // The parent may have ended before the line above took effect.
+    if (getppid() != parent) _exit(127);
+  }
   sigset_t empty;
   sigemptyset(&empty);
   sigprocmask(SIG_SETMASK, &empty, nullptr);
@@ -84,6 +113,8 @@ std::string FindProgram(const SpawnRequest& r) {
   int moved[64];
   std::size_t count = r.fds.size() < 64 ? r.fds.size() : 64;
   for (std::size_t i = 0; i < count; ++i) {
+    moved[i] = -1;
+    if (r.fds[i].from < 0) continue;
     moved[i] = fcntl(r.fds[i].from, F_DUPFD_CLOEXEC, top + 1);
     if (moved[i] < 0) ChildFail(report_fd, kStepDup);
   }
@@ -91,7 +122,11 @@ std::string FindProgram(const SpawnRequest& r) {
   if (report < 0) ChildFail(report_fd, kStepDup);
   report_fd = report;
   for (std::size_t i = 0; i < count; ++i) {
-    if (dup2(moved[i], r.fds[i].to) < 0) ChildFail(report_fd, kStepDup);
+    if (moved[i] < 0) {
+      close(r.fds[i].to);
+    } else if (dup2(moved[i], r.fds[i].to) < 0) {
+      ChildFail(report_fd, kStepDup);
+    }
   }
   // Everything above the targets is either close-on-exec or not ours to pass.
   int max_target = 2;
@@ -100,7 +135,7 @@ std::string FindProgram(const SpawnRequest& r) {
   }
   for (int fd = 3; fd <= max_target; ++fd) {
     bool keep = false;
-    for (std::size_t i = 0; i < count; ++i) keep = keep || r.fds[i].to == fd;
+    for (std::size_t i = 0; i < count; ++i) keep = keep || (r.fds[i].to == fd && moved[i] >= 0);
     if (!keep) close(fd);
   }
   // Close what lies above the targets except the report pipe, which closes
@@ -114,7 +149,7 @@ std::string FindProgram(const SpawnRequest& r) {
   if (!r.working_directory.empty() && chdir(r.working_directory.c_str()) != 0) {
     ChildFail(report_fd, kStepChdir);
   }
-  execv(path, argv);
+  execve(path, argv, envp);
   ChildFail(report_fd, kStepExec);
 }
 
@@ -139,6 +174,14 @@ SpawnResult Spawn(const SpawnRequest& request) {
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
+  std::vector<std::string> env_entries;
+  std::vector<char*> envp;
+  if (!request.environment.empty()) {
+    env_entries = ChildEnvironment(request.environment);
+    for (auto& e : env_entries) envp.push_back(e.data());
+    envp.push_back(nullptr);
+  }
+  pid_t parent = getpid();
 
   int report[2];
   if (pipe2(report, O_CLOEXEC) != 0) {
@@ -156,7 +199,8 @@ SpawnResult Spawn(const SpawnRequest& request) {
   }
   if (pid == 0) {
     close(report[0]);
-    RunChild(request, path.c_str(), argv.data(), report[1]);
+    RunChild(request, path.c_str(), argv.data(), envp.empty() ? environ : envp.data(), parent,
+             report[1]);
   }
   close(report[1]);
   ChildReport child{};
@@ -177,6 +221,49 @@ SpawnResult Spawn(const SpawnRequest& request) {
   }
   result.pid = static_cast<int>(pid);
   return result;
+}
+
+bool WaitForChild(int pid, int timeout_ms, ChildStatus* status) {
+  if (pid <= 0) return false;
+  std::int64_t deadline = MonotonicMillis() + timeout_ms;
+  auto left = [&]() -> int {
+    if (timeout_ms < 0) return -1;
+    std::int64_t ms = deadline - MonotonicMillis();
+    return ms < 0 ? 0 : static_cast<int>(ms);
+  };
+  int wstatus = 0;
+  bool reaped = false;
+  int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd >= 0) {
+    // Readable once the child has ended; the reap below then cannot block.
+    pollfd p{pidfd, POLLIN, 0};
+    int r;
+    do {
+      r = poll(&p, 1, left());
+    } while (r < 0 && errno == EINTR);
+    close(pidfd);
+    if (r <= 0) return false;
+  } else if (errno == ESRCH) {
+    return false;
+  } else {
+    // No process descriptors (an old kernel): look every few milliseconds.
+    while (!reaped) {
+      pid_t got = waitpid(pid, &wstatus, WNOHANG);
+      if (got < 0 && errno != EINTR) return false;
+      reaped = got == pid;
+      int ms = left();
+      if (!reaped && ms == 0) return false;
+      if (!reaped) SleepMilliseconds(ms < 0 || ms > 5 ? 5 : static_cast<std::uint64_t>(ms));
+    }
+  }
+  while (!reaped) {
+    pid_t got = waitpid(pid, &wstatus, 0);
+    if (got < 0 && errno != EINTR) return false;
+    reaped = got == pid;
+  }
+  status->signaled = WIFSIGNALED(wstatus);
+  status->value = status->signaled ? WTERMSIG(wstatus) : WEXITSTATUS(wstatus);
+  return true;
 }
 
 bool SignalProcess(int pid, int signo, bool group) {

@@ -64,8 +64,6 @@ void CountDownWaitPeriod() REQUIRES(core::kLibrary) {
     platform::SleepMilliseconds(1000);
   }
   Diag("...starting now!\n");
-  // The beeps at exit that go with this on a console have no equivalent
-  // here: there is no console and no speaker to drive.
 }
 
 // The channel of a process started by the hub with pipes: two descriptors
@@ -110,9 +108,10 @@ bool SetUpPipes() REQUIRES(core::kLibrary) {
   return true;
 }
 
-// Sets up the standard streams and the channel to the hub. There is no
-// console on this platform, so the steps that create or title one do
-// nothing; a missing error stream fails the set-up (see SetUpPipes).
+// Sets up the standard streams and the channel to the hub: standard input
+// and output in debug mode, the socket and the error pipe in socket mode,
+// the two pipes otherwise. No console is created: the error stream is the
+// one the process was started with (SetUpPipes says what happens without).
 bool SetUpStreamsAndChannels() REQUIRES(core::kLibrary) {
   core::Setup& setup = core::MutableSetup();
   if (setup.debug_flag) {
@@ -234,8 +233,6 @@ extern "C" int varn_init(int* argc, char** argv, varnHandle* parent) noexcept {
   std::setvbuf(stdout, g_stdout_buffer, _IOLBF, sizeof g_stdout_buffer);
   std::setvbuf(stderr, nullptr, _IONBF, 0);
 
-  // The send, socket write and socket read locks are objects of the
-  // transport that exist from load time; nothing to create here.
   if (!LearnIdentity()) return 0;
   if (!SetUpStreamsAndChannels()) return Fail(VARN_E_ALREADY_INIT);
   varn::transport::ChooseChannel(setup.debug_flag);

@@ -90,7 +90,7 @@ extern "C" int varn_send_msg(varnHandle h, int category, const char* data,
     VarnErrorNo = VARN_E_BAD_HANDLE;
     return 0;
   }
-  varn::transport::SendLockGuard lock;
+  varn::transport::SendLockUnlessExempt lock;
   return varn_send_send_msg(h, category, data, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
@@ -256,7 +256,7 @@ extern "C" int varn_recv_msg(varnHandle h, uint32_t* category, char* buffer) noe
 namespace {
 
 int RecvData(varnHandle h, uint32_t* category, char* buffer, int64_t capacity, uint32_t* length,
-             int lane) REQUIRES(core::kLibrary) {
+             int lane) {
   if (!EnterCall(h)) return 0;
   int cat = 0;
   size_t n = 0;

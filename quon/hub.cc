@@ -24,19 +24,9 @@ bool IsAnswer(int category) {
     case VARN_ERROR:
     case VARN_PING:
     case VARN_STDERR:
-    case VARN_FACK:
-    case VARN_FNAK:
-    case VARN_QUERYP:
-    case VARN_AACK:
-    case VARN_ANAK:
-    case VARN_DNAK:
-    case VARN_EACK:
-    case VARN_ENAK:
-    case VARN_EDONE:
-    case VARN_EERROR:
       return true;
     default:
-      return false;
+      return wire::IsHubAnswer(category);
   }
 }
 

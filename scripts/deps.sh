@@ -6,8 +6,14 @@ need=()
 command -v cmake >/dev/null || need+=(cmake)
 command -v ninja >/dev/null || need+=(ninja-build)
 command -v g++ >/dev/null || need+=(g++)
+command -v clang++ >/dev/null || need+=(clang)
 command -v clang-format >/dev/null || need+=(clang-format)
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev libgmock-dev)
+# clang's sanitizer runtime, for the thread-sanitizer build.
+if ! command -v clang++ >/dev/null ||
+   [ ! -f "$(clang++ --print-resource-dir)/lib/linux/libclang_rt.tsan-x86_64.a" ]; then
+  need+=(libclang-rt-14-dev)
+fi
 [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
 if [ ${#need[@]} -gt 0 ]; then
   echo "installing: ${need[*]}"

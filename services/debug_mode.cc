@@ -330,11 +330,12 @@ class DebugChannel final : public transport::Channel {
  public:
   void RunInput() override { LineLoop(); }
 
-  bool TakeBody(char** body, std::size_t* length) override {
+  bool TakeBody(char** body, std::size_t* length) override REQUIRES(core::kLibrary) {
     return varn_debug_get_message_str(body, length) != 0;
   }
 
-  bool Split(char* body, std::size_t /*length*/, transport::Message* m) override {
+  bool Split(char* body, std::size_t /*length*/, transport::Message* m) override
+      REQUIRES(core::kLibrary) {
     m->body = body;
     varn_debug_parse_message(body, &m->destination, &m->source, &m->category, &m->payload);
     m->length = m->payload != nullptr ? std::strlen(m->payload) : 0;
@@ -346,24 +347,25 @@ class DebugChannel final : public transport::Channel {
 
   bool StoreInRow(int h, const char* destination, const char* source, int category,
                   const char* payload, std::size_t /*length*/, std::uint32_t recv_stream,
-                  std::uint32_t send_stream) override {
+                  std::uint32_t send_stream) override REQUIRES(core::kLibrary) {
     return varn_debug_save_data(h, destination, source, category, payload, recv_stream,
                                 send_stream) != 0;
   }
 
   int ReadStream(int h, int* category, char* buffer, std::int64_t size, std::size_t* length,
-                 StreamRead /*how*/) override {
+                 StreamRead /*how*/) override REQUIRES(core::kLibrary) {
     if (!varn_debug_read_data(h, category, buffer, size, length)) return 0;
     return VarnErrorNo == VARN_E_TOO_LONG ? 0 : 1;
   }
 
-  int SendToRow(int h, int category, const char* payload, std::size_t /*length*/) override {
+  int SendToRow(int h, int category, const char* payload, std::size_t /*length*/) override
+      REQUIRES(core::kLibrary) {
     return varn_debug_send_message(h, category, payload, VarnMessage[h].send_stream);
   }
 
   bool SimulatesPeers() const override { return true; }
 
-  int SimulateStart(int h, const char* program) override {
+  int SimulateStart(int h, const char* program) override REQUIRES(core::kLibrary) {
     return varn_debug_invoke_entry(h, program, nullptr, nullptr, 0, State().opt_outfile);
   }
 

@@ -44,6 +44,7 @@ void ResetBatchForInit() {
 
 extern "C" int varnP_data_batch_add(const char* destination, const void* payload,
                                     size_t length) noexcept {
+  varn::core::OnApplicationThread();
   if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
   if (PaddedSize(HeaderSize(destination) + wire::kLengthDigits + length) >= wire::kPacketLimit) {
     VarnErrorNo = VARN_E_TOO_LONG;
@@ -83,12 +84,14 @@ extern "C" int varnP_data_batch_add(const char* destination, const void* payload
 }
 
 extern "C" int varnP_data_batch_open(const char* destination) noexcept {
+  varn::core::OnApplicationThread();
   std::snprintf(g_destination, sizeof g_destination, "%s", destination);
   g_length = HeaderSize(g_destination);
   return 1;
 }
 
 extern "C" int varnP_data_batch_flush(void) noexcept {
+  varn::core::OnApplicationThread();
   if (g_length == 0 || g_buffer == nullptr || g_destination[0] == '\0') return 1;
   std::size_t c = g_length - wire::kLengthDigits;
   std::size_t p = wire::PaddingFor(c);
@@ -106,6 +109,7 @@ extern "C" int varnP_data_batch_flush(void) noexcept {
 }
 
 extern "C" int varnP_data_batch_reset(void) noexcept {
+  varn::core::OnApplicationThread();
   std::free(g_buffer);
   g_buffer = static_cast<char*>(std::malloc(kStartCapacity));
   if (g_buffer == nullptr) {

@@ -6,10 +6,12 @@
 #ifndef VARN_TRANSPORT_DATA_BATCH_H_
 #define VARN_TRANSPORT_DATA_BATCH_H_
 
+#include "core/library_lock.h"
+
 namespace varn::transport {
 
 // Empties the batch destination and length (varn_send_init).
-void ResetBatchForInit();
+void ResetBatchForInit() REQUIRES(core::kLibrary);
 
 }  // namespace varn::transport
 

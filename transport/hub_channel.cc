@@ -67,13 +67,19 @@ bool ReadChannel(void* buf, std::size_t count) {
 // takes once the channel has ended.
 PacketBody HubLossPacket() {
   const char* own = Fixed().own_address;
-  std::string text = std::string(own) + " " + VARN_HUB_ADDRESS + " SRVR_ERR";
+  std::size_t size = wire::PacketSize(own, wire::kHubAddress, VARN_SRVR_ERR, 0);
+  char* packet = static_cast<char*>(std::malloc(size + 1));
   PacketBody p;
-  p.data = static_cast<char*>(std::malloc(text.size() + 1));
-  if (p.data != nullptr) {
-    std::memcpy(p.data, text.c_str(), text.size() + 1);
-    p.length = text.size();
+  if (packet == nullptr || wire::BuildPacket(packet, size, own, wire::kHubAddress, VARN_SRVR_ERR,
+                                             nullptr, 0, &size) != wire::WireError::kOk) {
+    std::free(packet);
+    return p;
   }
+  // The body is what follows the length digits.
+  std::memmove(packet, packet + wire::kLengthDigits, size - wire::kLengthDigits);
+  p.length = size - wire::kLengthDigits;
+  packet[p.length] = '\0';
+  p.data = packet;
   return p;
 }
 
@@ -232,7 +238,7 @@ class HubChannel final : public Channel {
  public:
   void RunInput() override { PacketLoop(); }
 
-  bool TakeBody(char** body, std::size_t* length) override {
+  bool TakeBody(char** body, std::size_t* length) override REQUIRES(core::kLibrary) {
     bool trace = Fixed().trace;
     if (trace) Diag("(1) thread=%u ReadFile(1)...\n", platform::CurrentThreadId());
     PacketBody p;
@@ -261,7 +267,7 @@ class HubChannel final : public Channel {
     return true;
   }
 
-  bool Split(char* body, std::size_t length, Message* m) override {
+  bool Split(char* body, std::size_t length, Message* m) override REQUIRES(core::kLibrary) {
     m->body = body;
     return varn_recv_parse_message(body, length, &m->destination, &m->source, &m->category,
                                    &m->payload, &m->length) != 0;
@@ -271,17 +277,18 @@ class HubChannel final : public Channel {
 
   bool StoreInRow(int h, const char* destination, const char* source, int category,
                   const char* payload, std::size_t length, std::uint32_t recv_stream,
-                  std::uint32_t send_stream) override {
+                  std::uint32_t send_stream) override REQUIRES(core::kLibrary) {
     return StoreMessage(h, destination, source, category, payload, length, recv_stream,
                         send_stream);
   }
 
   int ReadStream(int h, int* category, char* buffer, std::int64_t size, std::size_t* length,
-                 StreamRead how) override {
+                 StreamRead how) override REQUIRES(core::kLibrary) {
     return ReadStreamRecord(h, category, buffer, size, length, how);
   }
 
-  int SendToRow(int h, int category, const char* payload, std::size_t length) override {
+  int SendToRow(int h, int category, const char* payload, std::size_t length) override
+      REQUIRES(core::kLibrary) {
     return ProtocolStep(h, category, payload, length);
   }
 };

@@ -199,9 +199,9 @@ extern "C" int varn_process_one_message(void) noexcept {
   return r;
 }
 
-// Reads from the channel to the hub. In socket mode the input thread is the
-// only reader of the socket, so it simply waits for readability without a
-// polling interval.
+// Reads from the channel to the hub: the socket (after waiting until it is
+// readable; the input thread is its only reader), the input pipe (until
+// count bytes came or the pipe ended), or standard input in debug mode.
 extern "C" int read_file_win(int handle, void* buffer, size_t count, size_t* read) noexcept {
   *read = 0;
   switch (VarnChanType) {

@@ -80,7 +80,7 @@ bool LockWire() TRY_ACQUIRE(true, g_wire_lock) {
 
 // Writes a whole packet to the hub; 0 or the error number.
 int WritePacket(char* buffer, std::size_t size) {
-  varn::transport::SendLockGuard send_lock;
+  varn::transport::SendLockUnlessExempt send_lock;
   {
     // A hold that arrives while this thread has bytes of a packet on the
     // channel waits until the packet is whole.
@@ -147,10 +147,10 @@ void SetInterruptContext(bool on, bool wire_busy) {
 bool InInterruptContext() { return t_interrupt_context; }
 void UsePrivatePacketBuffer() { t_private_buffer = true; }
 
-SendLockGuard::SendLockGuard() : locked_(!t_interrupt_context && !t_wire_only) {
+SendLockUnlessExempt::SendLockUnlessExempt() : locked_(!t_interrupt_context && !t_wire_only) {
   if (locked_) g_send_lock.lock();
 }
-SendLockGuard::~SendLockGuard() {
+SendLockUnlessExempt::~SendLockUnlessExempt() {
   if (locked_) g_send_lock.unlock();
 }
 
@@ -190,6 +190,7 @@ int SendSmallPacketQuiet(const char* destination, const char* source, int catego
 }  // namespace varn::transport
 
 extern "C" int varn_send_init(void) noexcept {
+  varn::core::OnApplicationThread();
   varn::transport::ResetBatchForInit();
   return 1;
 }

@@ -35,14 +35,15 @@ bool InInterruptContext();
 // of the application thread's shared packet buffer.
 void UsePrivatePacketBuffer();
 
-// Holds the send lock for a scope, unless the thread handles an interrupt
-// or sends outside exchanges.
-class SendLockGuard {
+// Holds the send lock for a scope. Two kinds of thread are exempt and take
+// nothing: one that handles an interrupt (the held application's thread may
+// own the lock) and one that sends outside exchanges (WireOnlyScope).
+class SendLockUnlessExempt {
  public:
-  SendLockGuard();
-  ~SendLockGuard();
-  SendLockGuard(const SendLockGuard&) = delete;
-  SendLockGuard& operator=(const SendLockGuard&) = delete;
+  SendLockUnlessExempt();
+  ~SendLockUnlessExempt();
+  SendLockUnlessExempt(const SendLockUnlessExempt&) = delete;
+  SendLockUnlessExempt& operator=(const SendLockUnlessExempt&) = delete;
 
  private:
   bool locked_;

@@ -27,6 +27,7 @@
 
 #include "core/library_state.h"
 #include "core/rows.h"
+#include "transport/upcalls.h"
 #include "transport/wire_format.h"
 #include "varn.h"
 
@@ -58,20 +59,23 @@ struct SourceChains {
   std::size_t count = 0;
 };
 
-QueuedMessage* g_head = nullptr;
-QueuedMessage* g_tail = nullptr;
-std::uint64_t g_next_sequence = 0;
+using varn::core::kLibrary;
+
+QueuedMessage* g_head GUARDED_BY(kLibrary) = nullptr;
+QueuedMessage* g_tail GUARDED_BY(kLibrary) = nullptr;
+std::uint64_t g_next_sequence GUARDED_BY(kLibrary) = 0;
 // Messages with a source, by source. Messages without a source are only on
 // the arrival list: no lane ever lets them through.
-std::unordered_map<std::string, SourceChains>* g_by_source = nullptr;
+std::unordered_map<std::string, SourceChains>* g_by_source GUARDED_BY(kLibrary) = nullptr;
 
 // Strings of the message handed out last; freed at the next take or flush.
-char* g_last_source = nullptr;
-char* g_last_destination = nullptr;
-char* g_last_payload = nullptr;
+char* g_last_source GUARDED_BY(kLibrary) = nullptr;
+char* g_last_destination GUARDED_BY(kLibrary) = nullptr;
+char* g_last_payload GUARDED_BY(kLibrary) = nullptr;
 
-int g_outband_channel = -1;
-int* g_outband_categories = nullptr;  // 58 entries, allocated by varn_queue_init
+int g_outband_channel GUARDED_BY(kLibrary) = -1;
+// VARN_CATEGORY_COUNT entries, allocated by varn_queue_init.
+int* g_outband_categories GUARDED_BY(kLibrary) = nullptr;
 
 char* CopyText(const char* text) { return text ? strdup(text) : nullptr; }
 
@@ -87,12 +91,12 @@ int ChainIndex(int category) {
   return category >= 0 && category < VARN_CATEGORY_COUNT ? category : 0;
 }
 
-std::unordered_map<std::string, SourceChains>& BySource() {
+std::unordered_map<std::string, SourceChains>& BySource() REQUIRES(kLibrary) {
   if (g_by_source == nullptr) g_by_source = new std::unordered_map<std::string, SourceChains>();
   return *g_by_source;
 }
 
-void Link(QueuedMessage* m) {
+void Link(QueuedMessage* m) REQUIRES(kLibrary) {
   m->prev = g_tail;
   m->next = nullptr;
   if (g_tail != nullptr) {
@@ -117,7 +121,7 @@ void Link(QueuedMessage* m) {
 // Removes m from both orders. A message only ever leaves its chain from
 // the front: it is the oldest of its source and category still queued,
 // because every take hands out the oldest message it may.
-void Unlink(QueuedMessage* m) {
+void Unlink(QueuedMessage* m) REQUIRES(kLibrary) {
   if (m->prev != nullptr) {
     m->prev->next = m->next;
   } else {
@@ -137,7 +141,7 @@ void Unlink(QueuedMessage* m) {
   if (--it->second.count == 0) g_by_source->erase(it);
 }
 
-void FreeLastHandedOut() {
+void FreeLastHandedOut() REQUIRES(kLibrary) {
   std::free(g_last_source);
   std::free(g_last_destination);
   std::free(g_last_payload);
@@ -145,7 +149,7 @@ void FreeLastHandedOut() {
 }
 
 void HandOut(QueuedMessage* m, char** source, char** destination, char** payload, int* category,
-             size_t* length) {
+             size_t* length) REQUIRES(kLibrary) {
   FreeLastHandedOut();
   g_last_source = *source = m->source;
   g_last_destination = *destination = m->destination;
@@ -158,7 +162,7 @@ void HandOut(QueuedMessage* m, char** source, char** destination, char** payload
 // lets a message through when its source's row (the first row in use with
 // that address) is the lane's row; so only the messages whose source is
 // that row's address can qualify.
-QueuedMessage* OldestForLane() {
+QueuedMessage* OldestForLane() REQUIRES(kLibrary) {
   int h = g_outband_channel;
   if (h < 0 || h >= VARN_MAX_ENTRIES || g_by_source == nullptr) return nullptr;
   const VarnEntry& row = VarnMessage[h];
@@ -179,6 +183,17 @@ QueuedMessage* OldestForLane() {
   return oldest;
 }
 
+// Hands m out and takes it off the queue.
+void TakeOut(QueuedMessage* m, char** source, char** destination, char** payload, int* category,
+             size_t* length) REQUIRES(kLibrary) {
+  varn_util_hold_sigusr1(1);
+  HandOut(m, source, destination, payload, category, length);
+  Unlink(m);
+  std::free(m);
+  varn_queueMsgCount(-1);
+  varn_util_release_sigusr1(1);
+}
+
 void FreeMessage(QueuedMessage* m) {
   std::free(m->source);
   std::free(m->destination);
@@ -189,6 +204,7 @@ void FreeMessage(QueuedMessage* m) {
 }  // namespace
 
 extern "C" int varn_queue_init(void) noexcept {
+  varn::core::OnApplicationThread();
   varn_queue_flush_queue();
   std::free(g_outband_categories);
   g_outband_categories = static_cast<int*>(std::calloc(VARN_CATEGORY_COUNT, sizeof(int)));
@@ -196,6 +212,7 @@ extern "C" int varn_queue_init(void) noexcept {
 }
 
 extern "C" int varn_queue_deinit(void) noexcept {
+  varn::core::OnApplicationThread();
   varn_queue_flush_queue();
   std::free(g_outband_categories);
   g_outband_categories = nullptr;
@@ -204,11 +221,12 @@ extern "C" int varn_queue_deinit(void) noexcept {
 
 extern "C" int varn_queue_put_msg(const char* source, const char* destination, const char* payload,
                                   int category, size_t length) noexcept {
+  varn::core::OnApplicationThread();
   varn_util_hold_sigusr1(1);
   auto* m = static_cast<QueuedMessage*>(std::malloc(sizeof(QueuedMessage)));
   if (m == nullptr) {
     VarnErrorNo = VARN_E_MALLOC;
-    varn_deinit();
+    varn::transport::CallShutDown();  // ends the process
     return 0;
   }
   m->source = CopyText(source);
@@ -247,37 +265,32 @@ extern "C" int varn_queue_put_msg(const char* source, const char* destination, c
 
 extern "C" int varn_queue_get_msg(char** source, char** destination, char** payload, int* category,
                                   size_t* length) noexcept {
+  varn::core::OnApplicationThread();
   if (g_head == nullptr) return 0;
-  varn_util_hold_sigusr1(1);
-  QueuedMessage* m = g_head;
-  HandOut(m, source, destination, payload, category, length);
-  Unlink(m);
-  std::free(m);
-  varn_queueMsgCount(-1);
-  varn_util_release_sigusr1(1);
+  TakeOut(g_head, source, destination, payload, category, length);
   return 1;
 }
 
 extern "C" int varn_queue_get_outband_msg(char** source, char** destination, char** payload,
                                           int* category, size_t* length) noexcept {
+  varn::core::OnApplicationThread();
   if (VarnSigusr1Caught == 0) return 0;
   QueuedMessage* m = OldestForLane();
   if (m == nullptr) {
     VarnSigusr1Caught = 0;
     return 0;
   }
-  varn_util_hold_sigusr1(1);
-  HandOut(m, source, destination, payload, category, length);
-  Unlink(m);
-  std::free(m);
-  varn_queueMsgCount(-1);
-  varn_util_release_sigusr1(1);
+  TakeOut(m, source, destination, payload, category, length);
   return 1;
 }
 
-extern "C" int varn_queue_has_msg(void) noexcept { return g_head != nullptr; }
+extern "C" int varn_queue_has_msg(void) noexcept {
+  varn::core::OnApplicationThread();
+  return g_head != nullptr;
+}
 
 extern "C" int varn_queue_flush_queue(void) noexcept {
+  varn::core::OnApplicationThread();
   varn_util_hold_sigusr1(1);
   while (g_head != nullptr) {
     QueuedMessage* m = g_head;
@@ -291,9 +304,13 @@ extern "C" int varn_queue_flush_queue(void) noexcept {
   return 1;
 }
 
-extern "C" int varn_queue_outband_on(void) noexcept { return g_outband_channel != -1; }
+extern "C" int varn_queue_outband_on(void) noexcept {
+  varn::core::OnApplicationThread();
+  return g_outband_channel != -1;
+}
 
 extern "C" int varn_queue_set_outband(varnHandle h, const int* categories) noexcept {
+  varn::core::OnApplicationThread();
   g_outband_channel = h;
   if (categories != nullptr && g_outband_categories != nullptr) {
     std::memcpy(g_outband_categories, categories, VARN_CATEGORY_COUNT * sizeof(int));
@@ -303,6 +320,7 @@ extern "C" int varn_queue_set_outband(varnHandle h, const int* categories) noexc
 }
 
 extern "C" int varn_queue_reset_outband(void) noexcept {
+  varn::core::OnApplicationThread();
   g_outband_channel = -1;
   if (g_outband_categories != nullptr) {
     std::memset(g_outband_categories, 0, VARN_CATEGORY_COUNT * sizeof(int));
@@ -311,6 +329,7 @@ extern "C" int varn_queue_reset_outband(void) noexcept {
 }
 
 extern "C" int varn_queue_is_outband_chan(const char* source, int category) noexcept {
+  varn::core::OnApplicationThread();
   if (source == nullptr) return 0;
   int h = varnP_find_entry_exact(source, 1);
   if (h < 0 || h != g_outband_channel) return 0;
@@ -321,6 +340,7 @@ extern "C" int varn_queue_is_outband_chan(const char* source, int category) noex
 }
 
 extern "C" int varn_queue_get_outband(int* channel, int** categories) noexcept {
+  varn::core::OnApplicationThread();
   *channel = g_outband_channel;
   *categories = static_cast<int*>(std::malloc(VARN_CATEGORY_COUNT * sizeof(int)));
   if (*categories == nullptr) return 0;
@@ -333,6 +353,7 @@ extern "C" int varn_queue_get_outband(int* channel, int** categories) noexcept {
 }
 
 extern "C" int varn_queue_set_waitcat(int** set, ...) noexcept {
+  varn::core::OnApplicationThread();
   std::free(*set);
   *set = static_cast<int*>(std::calloc(VARN_CATEGORY_COUNT, sizeof(int)));
   if (*set == nullptr) return 0;
@@ -346,6 +367,7 @@ extern "C" int varn_queue_set_waitcat(int** set, ...) noexcept {
 }
 
 extern "C" int varn_queue_free_waitcat(int** set) noexcept {
+  varn::core::OnApplicationThread();
   std::free(*set);
   *set = nullptr;
   return 1;
@@ -353,6 +375,7 @@ extern "C" int varn_queue_free_waitcat(int** set) noexcept {
 
 extern "C" int varn_queue_is_signal_msg(const char* source, int category, const char* payload,
                                         size_t length) noexcept {
+  varn::core::OnApplicationThread();
   switch (category) {
     case VARN_STATUS_Q:
     case VARN_KILL:
@@ -369,11 +392,11 @@ extern "C" int varn_queue_is_signal_msg(const char* source, int category, const 
   }
 }
 
-// Signal messages are never stored on this platform: interrupts are
-// handled by the input thread instead. The call reports success and hands
-// out nothing.
+// No signal message is ever stored: INTR and KILL are handled by the input
+// thread as they arrive. The call reports success and hands out nothing.
 extern "C" int varn_queue_get_signal_msg(char** source, char** destination, char** payload,
                                          int* category, size_t* length) noexcept {
+  varn::core::OnApplicationThread();
   *source = *destination = *payload = nullptr;
   *category = 0;
   *length = 0;

@@ -114,33 +114,13 @@ int HandleSrvrErr(const char* source, const char* payload, std::size_t length)
   return 1;
 }
 
-// Answers of the hub to requests of this process. They are filed into the
-// waiting reply row, never queued: a request made while a wait is on (from
-// a callback, say) must see its answer.
-bool IsHubAnswer(int category) {
-  switch (category) {
-    case VARN_FACK:
-    case VARN_FNAK:
-    case VARN_QUERYP:
-    case VARN_AACK:
-    case VARN_ANAK:
-    case VARN_DNAK:
-    case VARN_EACK:
-    case VARN_ENAK:
-    case VARN_EDONE:
-    case VARN_EERROR:
-      return true;
-    default:
-      return false;
-  }
-}
-
 // Whether a new message must be parsed at once while the lane is on:
-// interrupts, the hub's loss and its answers, and what the lane lets
+// interrupts, the hub's loss and its answers (a request made while a wait is
+// on, from a callback say, must see its answer), and what the lane lets
 // through. The lookup's error for an unknown source is not left behind.
 bool ParsedAtOnce(const char* source, int category) REQUIRES(core::kLibrary) {
   if (category == VARN_INTR) return true;
-  if (IsHub(source) && (category == VARN_SRVR_ERR || IsHubAnswer(category))) return true;
+  if (IsHub(source) && (category == VARN_SRVR_ERR || wire::IsHubAnswer(category))) return true;
   int saved = VarnErrorNo;
   bool through = varn_queue_is_outband_chan(source, category) != 0;
   VarnErrorNo = saved;
@@ -246,7 +226,7 @@ int ReadStreamRecord(int h, int* category, char* buffer, int64_t size, std::size
     bool read_one = false;
     // The END may already have been parsed (by a wait that stopped at it):
     // then the stream is over and reading on would wait for nothing.
-    auto done = [&] {
+    auto done = [&]() REQUIRES(core::kLibrary) {
       if (stream::Unread() > 0) return true;
       ended = stream::Ended() || (read_one && row.last_category() == VARN_END);
       peer_gone = read_one && row.last_category() == VARN_SRVR_ERR;
@@ -343,9 +323,10 @@ extern "C" int varn_recv_parse_message(char* body, size_t length, char** destina
   return 1;
 }
 
-// VarnIntrSignal selects a path that takes signal messages; none are ever
-// stored on this platform (interrupts reach the input thread instead), so
-// reading goes its usual way whatever VarnIntrSignal says.
+// Reading takes queued messages first (those the lane lets through, while
+// a wait's lane is on), then new ones. VarnIntrSignal is not looked at: no
+// signal message is ever stored (the input thread handles INTR and KILL as
+// they arrive), so there is nothing for a signal path to take.
 extern "C" int varn_recv_read_and_parse_message(int wait) noexcept {
   varn::core::OnApplicationThread();
   char *source, *destination, *payload;
@@ -377,6 +358,11 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
   VarnErrorNo = 0;
   if (category < 1 || category > VARN_END_ACKSENT) {
     VarnErrorNo = VARN_E_CATEGORY;
+    return 1;
+  }
+  if (wire::IsHubAnswer(category)) {
+    // Filed into the row that waits for an answer; none waits: dropped.
+    varn::core::FileAnswer(category, payload, length);
     return 1;
   }
   transport::Channel& channel = transport::ActiveChannel();
@@ -522,18 +508,6 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
       return 1;
     case VARN_NOTIFY:
       transport::CallNotify(payload ? payload : "");
-      return 1;
-    case VARN_FACK:
-    case VARN_FNAK:
-    case VARN_QUERYP:
-    case VARN_AACK:
-    case VARN_ANAK:
-    case VARN_DNAK:
-    case VARN_EACK:
-    case VARN_ENAK:
-    case VARN_EDONE:
-    case VARN_EERROR:
-      varn::core::FileAnswer(category, payload, length);
       return 1;
     case VARN_DETACH:
       h = transport::Find(source);

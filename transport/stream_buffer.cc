@@ -12,22 +12,24 @@ namespace {
 
 constexpr std::size_t kMinCapacity = 32768;
 
-char g_source[256];
-char* g_buffer = nullptr;
-std::size_t g_capacity = 0;
-std::size_t g_offset = 0;  // read offset
-std::size_t g_unread = 0;  // unread bytes from g_offset
-char* g_end_text = nullptr;
-bool g_ended = false;
+using core::kLibrary;
 
-void Empty() {
+char g_source[256] GUARDED_BY(kLibrary);
+char* g_buffer GUARDED_BY(kLibrary) = nullptr;
+std::size_t g_capacity GUARDED_BY(kLibrary) = 0;
+std::size_t g_offset GUARDED_BY(kLibrary) = 0;  // read offset
+std::size_t g_unread GUARDED_BY(kLibrary) = 0;  // unread bytes from g_offset
+char* g_end_text GUARDED_BY(kLibrary) = nullptr;
+bool g_ended GUARDED_BY(kLibrary) = false;
+
+void Empty() REQUIRES(kLibrary) {
   g_unread = 0;
   g_offset = 0;
 }
 
 // Skips the padding NULs before a record. Returns false when the data is
 // not a record.
-bool LocateRecord(std::size_t* skipped, std::size_t* length) {
+bool LocateRecord(std::size_t* skipped, std::size_t* length) REQUIRES(kLibrary) {
   std::size_t skip = 0;
   while (skip < 3 && skip < g_unread && g_buffer[g_offset + skip] == '\0') ++skip;
   if (g_unread - skip <= wire::kLengthDigits) {

@@ -45,6 +45,24 @@ bool CategoryFromWord(std::string_view word, int* code) {
   return false;
 }
 
+bool IsHubAnswer(int category) {
+  switch (category) {
+    case VARN_FACK:
+    case VARN_FNAK:
+    case VARN_QUERYP:
+    case VARN_AACK:
+    case VARN_ANAK:
+    case VARN_DNAK:
+    case VARN_EACK:
+    case VARN_ENAK:
+    case VARN_EDONE:
+    case VARN_EERROR:
+      return true;
+    default:
+      return false;
+  }
+}
+
 const char* StatusWord(int status) {
   if (status < VARN_STATUS_IDLE || status > VARN_STATUS_DEAD) return nullptr;
   return kStatusWords[status];

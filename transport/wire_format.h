@@ -46,6 +46,11 @@ constexpr std::string_view WithoutRoutePrefix(std::string_view address) {
   return address.size() > 2 && address[0] == '!' ? address.substr(2) : address;
 }
 
+// The hub's answers to a process's requests (FACK, FNAK, QUERYP, AACK,
+// ANAK, DNAK, EACK, ENAK, EDONE, EERROR): a process files them into the row
+// that waits for an answer, never into a peer's row.
+bool IsHubAnswer(int category);
+
 // Status words "IDLE", "BUSY", "DEAD" by code VARN_STATUS_IDLE..DEAD;
 // nullptr for any other code.
 const char* StatusWord(int status);

@@ -1,21 +1,18 @@
 // A scripted hub for the transport tests: starts a program linked to the
 // library on two pipes (or one socket), writes packets into its input and
-// reads its output byte for byte. Every read has a deadline.
+// reads its output packet by packet. Every read has a deadline.
 #ifndef VARN_TESTS_INTEGRATION_FAKE_HUB_H_
 #define VARN_TESTS_INTEGRATION_FAKE_HUB_H_
 
 #include <string>
 #include <vector>
 
+#include "tests/support/launcher.h"
+#include "tests/support/packet_io.h"
+
 namespace varn::testing {
 
-struct Packet {
-  std::string raw;  // the whole packet, length digits and padding included
-  std::string destination;
-  std::string source;
-  std::string word;
-  std::string payload;  // without the sender's NUL padding
-};
+using test_support::Packet;
 
 class FakeHub {
  public:
@@ -60,19 +57,18 @@ class FakeHub {
   // Waits for the program to end; its exit status, or -1 on timeout
   // (then it is killed), or 128 + signal.
   int WaitExit(int timeout_ms = 10000);
+  bool Signal(int signo) { return program_.Signal(signo); }
   // The address the program uses for itself.
   std::string ProgramAddress() const;
-  int pid() const { return pid_; }
 
  private:
-  bool ReadBytes(std::string* out, std::size_t count, int timeout_ms);
-
-  int pid_ = -1;
-  int to_child_ = -1;
-  int from_child_ = -1;
+  test_support::Child program_;
+  bool socket_ = false;
+  int to_program_ = -1;  // in socket mode the same descriptor as from_program_
+  int from_program_ = -1;
   int report_ = -1;
-  std::string report_buffer_;
-  bool exited_ = false;
+  test_support::PacketReader packets_;
+  test_support::PacketReader reports_;
 };
 
 }  // namespace varn::testing

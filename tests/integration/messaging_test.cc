@@ -2,18 +2,20 @@
 // runs it: lines in on standard input, lines out on standard output.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "tests/integration/peer_test.h"
-#include "tests/integration/run_program.h"
+#include "tests/support/launcher.h"
+#include "tests/support/output.h"
 
 namespace varn::testing {
 namespace {
 
 using MessagingTest = PeerTest;
+using test_support::RunProgram;
+using test_support::RunResult;
 
 TEST_F(MessagingTest, WaitEndedByEndFailsWithInvalidCategory) {
   StartPeer("end-wait");
@@ -158,8 +160,7 @@ TEST(DebugModeTest, SweepServerAnswersFromTheTerminal) {
 }
 
 TEST(DebugModeTest, StartedProgramWritesItsDebugInputFile) {
-  std::string dir = ::testing::TempDir();
-  std::remove((dir + "/run1.sim").c_str());
+  std::string dir = test_support::TestOutputDir("work");
   RunResult r = RunDebug("debug-invoke", "", {"-quon_outfile", "run1"}, dir);
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.err.find("Program sim's input goes to file: run1.sim"), std::string::npos) << r.err;

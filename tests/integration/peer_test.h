@@ -24,7 +24,7 @@ class PeerTest : public ::testing::Test {
   Packet Expect(const std::string& word) {
     Packet p;
     EXPECT_TRUE(hub_.Read(&p)) << "waiting for " << word;
-    EXPECT_EQ(p.word, word) << p.raw;
+    EXPECT_EQ(p.word, word) << p.bytes;
     return p;
   }
   // A message from an unknown source makes the library ask the hub for the

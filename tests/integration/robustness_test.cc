@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "tests/integration/peer_test.h"
+#include "tests/support/output.h"
 #include "transport/wire_format.h"
 
 namespace varn::testing {
@@ -33,13 +33,8 @@ TEST_F(RobustnessTest, LongExitNoticeEndsTheRowWithItsFirst1023Bytes) {
 TEST_F(RobustnessTest, FloodIsHeldBackWhileTheProgramDoesNotReadAndNothingIsLost) {
   StartPeer("stall");
   EXPECT_EQ(hub_.Report(), "ready");
-  std::string record(1000, 'd');
-  std::vector<char> buf(2048);
-  std::size_t size = 0;
-  ASSERT_EQ(wire::BuildPacket(buf.data(), buf.size(), self_, kS1, VARN_DATA, record.data(),
-                              record.size(), &size),
-            wire::WireError::kOk);
-  std::string packet(buf.data(), size);
+  std::string packet = test_support::BuildPacket(self_, kS1, "DATA", std::string(1000, 'd'));
+  ASSERT_FALSE(packet.empty());
   // 64000 packets (about 64 MiB) offered; the program takes a bounded
   // amount and then stops reading its channel until it reads itself.
   constexpr std::size_t kPackets = 64000;
@@ -47,7 +42,7 @@ TEST_F(RobustnessTest, FloodIsHeldBackWhileTheProgramDoesNotReadAndNothingIsLost
   std::size_t taken = hub_.Flood(packet, offered, 1000);
   EXPECT_LT(taken, 16u << 20) << "the program kept reading into memory";
   ASSERT_GT(taken, 0u);
-  kill(hub_.pid(), SIGUSR1);
+  ASSERT_TRUE(hub_.Signal(SIGUSR1));
   std::size_t rest = hub_.Flood(packet, offered - taken, 10000);
   ASSERT_EQ(taken + rest, offered);
   ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "all"));
@@ -66,13 +61,8 @@ TEST_F(RobustnessTest, RoundTripsStayCheapWithManyMessagesQueuedFromAnotherPeer)
   // While the program waits for S1's ACK, S2 sends 100000 messages: all are
   // queued for later.
   std::string flood;
-  std::vector<char> buf(256);
   for (int i = 0; i < 100000; ++i) {
-    std::size_t size = 0;
-    std::string text = "n" + std::to_string(i);
-    wire::BuildPacket(buf.data(), buf.size(), self_, kS2, VARN_DATA, text.data(), text.size(),
-                      &size);
-    flood.append(buf.data(), size);
+    flood += test_support::BuildPacket(self_, kS2, "DATA", "n" + std::to_string(i));
   }
   ASSERT_TRUE(hub_.SendRaw(flood));
   for (int i = 0; i < kRounds; ++i) {
@@ -110,7 +100,7 @@ TEST_F(RobustnessTest, DataBatchesStayBelowThePacketLimitWithTheirPadding) {
     Packet p;
     ASSERT_TRUE(hub_.Read(&p, 30000));
     ASSERT_EQ(p.word, "DATA");
-    EXPECT_LT(p.raw.size(), wire::kPacketLimit);
+    EXPECT_LT(p.bytes.size(), wire::kPacketLimit);
     // Payload: six-digit lengths, each followed by its record.
     std::size_t at = 0;
     while (at + 6 <= p.payload.size()) {
@@ -171,6 +161,13 @@ TEST_F(RobustnessTest, StatusQueryDoesNotDisturbTheApplication) {
 }
 
 TEST_F(RobustnessTest, InterruptAndKillReachAProgramBlockedWritingToACongestedPeer) {
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+  // The thread sanitizer holds a signal back until the system call it
+  // arrived in returns; a write blocked on a full pipe never does.
+  GTEST_SKIP() << "signals to a blocked write are held back by the thread sanitizer";
+#endif
+#endif
   StartPeer("flood-out");
   EXPECT_EQ(hub_.Report(), "ready");
   // Nothing the program writes is read: its writes block once the pipe is
@@ -183,7 +180,7 @@ TEST_F(RobustnessTest, InterruptAndKillReachAProgramBlockedWritingToACongestedPe
 }
 
 TEST_F(RobustnessTest, KillFlushesWhatTheApplicationWroteToItsFiles) {
-  std::string file = ::testing::TempDir() + "/kill_flush_" + std::to_string(getpid()) + ".txt";
+  std::string file = test_support::TestOutputDir("files") + "/flushed.txt";
   FakeHub::Options options;
   options.tail = {file};
   StartPeer("kill-flush", options);
@@ -195,7 +192,6 @@ TEST_F(RobustnessTest, KillFlushesWhatTheApplicationWroteToItsFiles) {
   std::stringstream text;
   text << in.rdbuf();
   EXPECT_EQ(text.str(), "written before the kill\n");
-  std::remove(file.c_str());
 }
 
 TEST_F(RobustnessTest, NoConsoleFlagGoesOnWithoutAnErrorStream) {

@@ -3,26 +3,25 @@
 // reports what it sees into a file.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
 
-#include "tests/integration/run_program.h"
+#include "tests/support/launcher.h"
+#include "tests/support/output.h"
 
 namespace varn::testing {
 namespace {
+
+using test_support::RunProgram;
+using test_support::RunResult;
 
 std::string Dir(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 // Runs the peer's scenario as the hub's first client; returns its report.
 std::string UnderHub(const std::string& mode, bool sockets = false, int* status = nullptr) {
   // One file per test: tests of the same scenario may run at the same time.
-  std::string report = ::testing::TempDir() + "/hub_report_" +
-                       ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
-                       std::to_string(getpid()) + ".txt";
-  std::remove(report.c_str());
+  std::string report = test_support::TestOutputDir("hub") + "/report.txt";
   std::vector<std::string> argv = {VARN_QUON_PATH, "--path", Dir(VARN_SWEEP_SERVER_PATH), "--path",
                                    Dir(VARN_PEER_PATH)};
   if (sockets) argv.push_back("--sockets");
@@ -115,8 +114,7 @@ TEST(ThroughHubTest, DisabledNameSwallowsSendsAndStartsOnEnable) {
 }
 
 TEST(ThroughHubTest, ErrorLinesWrittenJustBeforeTheEndReachTheLogInSocketMode) {
-  std::string log = ::testing::TempDir() + "/burst_log_" + std::to_string(getpid()) + ".txt";
-  std::remove(log.c_str());
+  std::string log = test_support::TestOutputDir("hub") + "/log.txt";
   RunResult r =
       RunProgram({VARN_QUON_PATH, "--sockets", "--log", log, VARN_PEER_PATH, "stderr-burst"}, "");
   EXPECT_EQ(r.status, 0) << r.err;
@@ -136,7 +134,6 @@ TEST(ThroughHubTest, ErrorLinesWrittenJustBeforeTheEndReachTheLogInSocketMode) {
   EXPECT_EQ(lines, 200);
   EXPECT_TRUE(ended);
   EXPECT_EQ(after_end, 0);
-  std::remove(log.c_str());
 }
 
 TEST(ThroughHubTest, DemoConversation) {

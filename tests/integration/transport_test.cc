@@ -18,7 +18,7 @@ TEST_F(TransportTest, CommandExchangeIsByteExact) {
   std::size_t padded = body.size() + (body.size() % 4 == 2 ? 0 : 4 - (body.size() - 2) % 4);
   char digits[8];
   std::snprintf(digits, sizeof digits, "%06zu", padded);
-  EXPECT_EQ(cmd.raw, std::string(digits) + body + std::string(padded - body.size(), '\0'));
+  EXPECT_EQ(cmd.bytes, std::string(digits) + body + std::string(padded - body.size(), '\0'));
   ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
   EXPECT_EQ(hub_.Report(), "send 1 err=0");
   ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "finished"));

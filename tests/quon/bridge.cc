@@ -9,7 +9,7 @@
 
 #include "platform/event_loop.h"
 #include "platform/io.h"
-#include "tests/quon/packet_io.h"
+#include "tests/support/packet_io.h"
 
 int main(int argc, char** argv) {
   namespace platform = varn::platform;
@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "bridge: no channel options\n");
     return 3;
   }
-  std::string hello = "ADDR " + varn::quon_test::OwnAddress() + "\n";
+  std::string hello = "ADDR " + varn::test_support::OwnAddress() + "\n";
   platform::WriteAll(platform::kStdout, hello.data(), hello.size());
 
   platform::EventLoop loop;

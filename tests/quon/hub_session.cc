@@ -1,34 +1,20 @@
 #include "tests/quon/hub_session.h"
 
-#include <csignal>
+#include <algorithm>
 #include <filesystem>
 
 #include "platform/io.h"
-#include "platform/spawn.h"
-#include "platform/system.h"
 
 namespace varn::quon_test {
 namespace {
 
-std::string Describe(const RawPacket& p) {
+std::string Describe(const Packet& p) {
   return p.destination + " " + p.source + " " + p.word + " [" + p.payload + "]";
 }
 
 }  // namespace
 
-HubSession::HubSession() {
-  loop_.WatchChildExits([this](int pid, platform::ChildStatus status) {
-    if (pid != hub_pid_) return;
-    exited_ = true;
-    exit_code_ = status.signaled ? 128 + status.value : status.value;
-  });
-}
-
 HubSession::~HubSession() {
-  if (hub_pid_ > 0 && !exited_) {
-    platform::SignalProcess(hub_pid_, SIGKILL, false);
-    WaitExit(kWaitMs);
-  }
   platform::Close(to_bridge_);
   platform::Close(from_bridge_);
   platform::Close(log_);
@@ -45,19 +31,18 @@ HubSession::~HubSession() {
   r.argv.insert(r.argv.end(), options.begin(), options.end());
   r.argv.push_back(BRIDGE_BINARY);
   r.fds = {{in[0], 0}, {out[1], 1}, {err[1], 2}};
-  platform::SpawnResult s = platform::Spawn(r);
+  bool started = hub_.Start(r);
   platform::Close(in[0]);
   platform::Close(out[1]);
   platform::Close(err[1]);
   to_bridge_ = in[1];
   from_bridge_ = out[0];
   log_ = err[0];
-  packets_ = std::make_unique<PacketReader>(from_bridge_);
-  log_lines_ = std::make_unique<PacketReader>(log_);
-  if (s.pid < 0) return ::testing::AssertionFailure() << "cannot start quon";
-  hub_pid_ = s.pid;
+  packets_ = PacketReader(from_bridge_);
+  log_lines_ = PacketReader(log_);
+  if (!started) return ::testing::AssertionFailure() << hub_.error();
   std::string line;
-  if (packets_->ReadLine(kWaitMs, &line) != PacketReader::Result::kPacket ||
+  if (packets_.ReadLine(kWaitMs, &line) != PacketReader::Result::kOk ||
       line.compare(0, 5, "ADDR ") != 0) {
     return ::testing::AssertionFailure() << "no address from the bridge: " << line;
   }
@@ -68,16 +53,16 @@ HubSession::~HubSession() {
 
 bool HubSession::Send(const std::string& destination, const std::string& word,
                       const std::string& payload) {
-  return WritePacket(to_bridge_, destination, address_, word, payload);
+  return test_support::WritePacket(to_bridge_, destination, address_, word, payload);
 }
 
 bool HubSession::SendBytes(const std::string& bytes) {
   return platform::WriteAll(to_bridge_, bytes.data(), bytes.size());
 }
 
-::testing::AssertionResult HubSession::Next(RawPacket* packet, int timeout_ms) {
-  switch (packets_->Read(timeout_ms, packet)) {
-    case PacketReader::Result::kPacket:
+::testing::AssertionResult HubSession::Next(Packet* packet, int timeout_ms) {
+  switch (packets_.Read(timeout_ms, packet)) {
+    case PacketReader::Result::kOk:
       return ::testing::AssertionSuccess();
     case PacketReader::Result::kTimeout:
       return ::testing::AssertionFailure() << "no packet within " << timeout_ms << " ms";
@@ -90,8 +75,8 @@ bool HubSession::SendBytes(const std::string& bytes) {
 }
 
 ::testing::AssertionResult HubSession::Expect(const std::string& word, const std::string& source,
-                                              RawPacket* packet) {
-  RawPacket p;
+                                              Packet* packet) {
+  Packet p;
   auto r = Next(&p);
   if (!r) return r << " (expected " << word << ")";
   if (p.word != word || (!source.empty() && p.source != source) || p.destination != address_) {
@@ -105,7 +90,7 @@ bool HubSession::SendBytes(const std::string& bytes) {
 ::testing::AssertionResult HubSession::ExpectPayload(const std::string& word,
                                                      const std::string& source,
                                                      const std::string& payload) {
-  RawPacket p;
+  Packet p;
   auto r = Expect(word, source, &p);
   if (!r) return r;
   if (p.payload != payload) {
@@ -118,7 +103,7 @@ bool HubSession::SendBytes(const std::string& bytes) {
 std::string HubSession::Invoke(const std::string& command_and_args, const std::string& word) {
   std::string cwd = std::filesystem::current_path().string();
   if (!Send("quon", word, cwd + " " + command_and_args)) return "";
-  RawPacket p;
+  Packet p;
   auto r = Expect("ACCEPT", "quon", &p);
   EXPECT_TRUE(r) << "starting " << command_and_args;
   return r ? p.payload : "";
@@ -127,8 +112,7 @@ std::string HubSession::Invoke(const std::string& command_and_args, const std::s
 ::testing::AssertionResult HubSession::WaitLog(const std::string& text, std::string* line) {
   std::string l;
   for (;;) {
-    auto r = log_lines_->ReadLine(kWaitMs, &l);
-    if (r != PacketReader::Result::kPacket) {
+    if (log_lines_.ReadLine(kWaitMs, &l) != PacketReader::Result::kOk) {
       return ::testing::AssertionFailure() << "log line with \"" << text << "\" never came";
     }
     if (l.find(text) != std::string::npos) {
@@ -138,17 +122,9 @@ std::string HubSession::Invoke(const std::string& command_and_args, const std::s
   }
 }
 
-void HubSession::Signal(int signo) { platform::SignalProcess(hub_pid_, signo, false); }
+void HubSession::Signal(int signo) { hub_.Signal(signo); }
 
-int HubSession::WaitExit(int timeout_ms) {
-  std::int64_t deadline = platform::MonotonicMillis() + timeout_ms;
-  while (!exited_) {
-    std::int64_t left = deadline - platform::MonotonicMillis();
-    if (left <= 0) return -1;
-    loop_.RunOnce(static_cast<int>(left));
-  }
-  return exit_code_;
-}
+int HubSession::WaitExit(int timeout_ms) { return hub_.Wait(timeout_ms); }
 
 int HubSession::Finish(int timeout_ms) {
   platform::Close(to_bridge_);
@@ -159,7 +135,7 @@ int HubSession::Finish(int timeout_ms) {
 std::vector<std::string> HubSession::HubFds() const {
   std::vector<std::string> fds;
   std::error_code ec;
-  auto dir = "/proc/" + std::to_string(hub_pid_) + "/fd";
+  auto dir = "/proc/" + std::to_string(hub_.pid()) + "/fd";
   for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
     fds.push_back(e.path().filename().string());
   }
@@ -168,36 +144,11 @@ std::vector<std::string> HubSession::HubFds() const {
 }
 
 int RunHub(const std::vector<std::string>& args, int timeout_ms) {
-  platform::EventLoop loop;
-  int pid = -1;
-  int code = -1;
-  loop.WatchChildExits([&](int p, platform::ChildStatus s) {
-    if (p == pid) code = s.signaled ? 128 + s.value : s.value;
-  });
-  platform::SpawnRequest r;
-  r.program = QUON_BINARY;
-  r.argv.push_back("quon");
-  r.argv.insert(r.argv.end(), args.begin(), args.end());
-  int null_fd = platform::OpenNullForReading();
-  r.fds = {{null_fd, 0}};
-  platform::SpawnResult s = platform::Spawn(r);
-  platform::Close(null_fd);
-  if (s.pid < 0) return -1;
-  pid = s.pid;
-  std::int64_t deadline = platform::MonotonicMillis() + timeout_ms;
-  while (code < 0 && platform::MonotonicMillis() < deadline) loop.RunOnce(200);
-  if (code < 0) platform::SignalProcess(pid, SIGKILL, false);
-  return code;
+  std::vector<std::string> argv = {QUON_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return test_support::RunProgram(argv, "", "", timeout_ms).status;
 }
 
 std::string QclientDir() { return std::filesystem::path(QCLIENT_BINARY).parent_path().string(); }
-
-std::string TempDir(const std::string& tag) {
-  auto dir = std::filesystem::temp_directory_path() /
-             ("quon-test-" + tag + "-" + std::to_string(platform::ProcessId()));
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir);
-  return std::filesystem::canonical(dir).string();
-}
 
 }  // namespace varn::quon_test

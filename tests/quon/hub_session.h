@@ -7,39 +7,43 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "platform/event_loop.h"
-#include "tests/quon/packet_io.h"
+#include "tests/support/launcher.h"
+#include "tests/support/packet_io.h"
 
 namespace varn::quon_test {
+
+using test_support::BuildPacket;
+using test_support::Packet;
+using test_support::PacketReader;
 
 // Generous: the sanitizer build is several times slower.
 inline constexpr int kWaitMs = 20000;
 
 class HubSession {
  public:
-  HubSession();
+  HubSession() = default;
   ~HubSession();
+  HubSession(const HubSession&) = delete;
+  HubSession& operator=(const HubSession&) = delete;
 
   // Starts `quon OPTIONS... bridge` and reads the bridge's address.
   ::testing::AssertionResult Start(const std::vector<std::string>& options = {});
 
   const std::string& address() const { return address_; }
   const std::string& host() const { return host_; }
-  int hub_pid() const { return hub_pid_; }
 
   bool Send(const std::string& destination, const std::string& word,
             const std::string& payload = "");
   bool SendBytes(const std::string& bytes);
 
   // The next packet; fails the test on timeout or end.
-  ::testing::AssertionResult Next(RawPacket* packet, int timeout_ms = kWaitMs);
+  ::testing::AssertionResult Next(Packet* packet, int timeout_ms = kWaitMs);
   // The next packet must have this word and source ("" for any source).
   ::testing::AssertionResult Expect(const std::string& word, const std::string& source,
-                                    RawPacket* packet = nullptr);
+                                    Packet* packet = nullptr);
   // The next packet must be exactly this word, source and payload.
   ::testing::AssertionResult ExpectPayload(const std::string& word, const std::string& source,
                                            const std::string& payload);
@@ -63,25 +67,21 @@ class HubSession {
   std::vector<std::string> HubFds() const;
 
  private:
-  platform::EventLoop loop_;
-  int hub_pid_ = -1;
-  int exit_code_ = -1;
-  bool exited_ = false;
+  test_support::Child hub_;
   int to_bridge_ = -1;
   int from_bridge_ = -1;
   int log_ = -1;
-  std::unique_ptr<PacketReader> packets_;
-  std::unique_ptr<PacketReader> log_lines_;
+  PacketReader packets_;
+  PacketReader log_lines_;
   std::string address_;
   std::string host_;
 };
 
-// Starts quon with the given arguments (no bridge) and waits for its exit
-// code; -1 on timeout.
+// Runs quon with the given arguments (no bridge) to its end: its exit
+// code, -1 on timeout.
 int RunHub(const std::vector<std::string>& args, int timeout_ms = kWaitMs);
 
 std::string QclientDir();
-std::string TempDir(const std::string& tag);
 
 }  // namespace varn::quon_test
 

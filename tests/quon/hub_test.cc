@@ -14,6 +14,7 @@
 
 #include "platform/spawn.h"
 #include "tests/quon/hub_session.h"
+#include "tests/support/output.h"
 
 namespace varn::quon_test {
 namespace {
@@ -39,7 +40,7 @@ std::string Frame(std::string body) {
 
 // One request to the hub and its answer as "WORD payload".
 std::string Ask(HubSession& s, const std::string& word, const std::string& payload) {
-  RawPacket p;
+  Packet p;
   if (!s.Send("quon", word, payload)) return "not sent";
   auto r = s.Next(&p);
   if (!r) return r.message();
@@ -68,7 +69,7 @@ TEST_P(QuonHubTest, StartsClientsWithTheirOptionsAndAnnouncesTheirExit) {
   // Settle first: once the hub has answered a request it has finished
   // setting up its first client, and its descriptors stay as they are.
   ASSERT_TRUE(s.Send("quon", "CMD", "list"));
-  RawPacket listed;
+  Packet listed;
   ASSERT_TRUE(s.Expect("EDONE", "quon", &listed));
   std::vector<std::string> fds_before = s.HubFds();
 
@@ -90,10 +91,10 @@ TEST_P(QuonHubTest, StartsClientsWithTheirOptionsAndAnnouncesTheirExit) {
   EXPECT_EQ(s.HubFds(), fds_before);
 
   // A quoted working directory with a blank in it.
-  std::string dir = TempDir("dir") + "/with blank";
+  std::string dir = test_support::TestOutputDir("dir") + "/with blank";
   fs::create_directories(dir);
   ASSERT_TRUE(s.Send("quon", "INVOKE", "\"" + dir + "\" qclient cwd exit 3"));
-  RawPacket accept;
+  Packet accept;
   ASSERT_TRUE(s.Expect("ACCEPT", "quon", &accept));
   EXPECT_TRUE(s.ExpectPayload("DATA", accept.payload, "cwd " + dir));
   EXPECT_TRUE(s.ExpectPayload("SRVR_ERR", accept.payload, "exit 3"));
@@ -130,11 +131,11 @@ TEST_P(QuonHubTest, RelaysBetweenClientsAndTellsPeersOfAnExit) {
 }
 
 TEST_P(QuonHubTest, ServesFilesUnderTheRootOnly) {
-  std::string root = TempDir(GetParam() ? "files-s" : "files-p");
+  std::string root = test_support::TestOutputDir("files");
   fs::create_symlink("/etc/hostname", root + "/link");
   HubSession s;
   ASSERT_TRUE(s.Start(Options({"--files-root", root})));
-  RawPacket p;
+  Packet p;
 
   ASSERT_TRUE(s.Send("quon", "FOPEN", "notes.txt WRITE TEXT"));
   ASSERT_TRUE(s.Expect("FACK", "quon", &p));
@@ -208,7 +209,7 @@ TEST_P(QuonHubTest, ServesFilesUnderTheRootOnly) {
 }
 
 TEST(QuonHubFileTest, RefusesWhatIsNotARegularFileWithoutWaitingForIt) {
-  std::string root = TempDir("fifo");
+  std::string root = test_support::TestOutputDir("fifo");
   ASSERT_EQ(mkfifo((root + "/queue").c_str(), 0600), 0);
   fs::create_directory(root + "/folder");
   HubSession s;
@@ -236,7 +237,7 @@ TEST(QuonHubFileTest, RefusesWhatIsNotARegularFileWithoutWaitingForIt) {
 class QuonHubConfineTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = TempDir("confine");
+    root_ = test_support::TestOutputDir("confine");
     // Starts with the root's own path: only a textual check would let it in.
     outside_ = root_ + "-out";
     fs::remove_all(outside_);
@@ -386,14 +387,14 @@ TEST(QuonHubStartTest, RefusesWhatItCannotStart) {
   ASSERT_TRUE(s.Send("quon", "INVOKE", cwd + " qclient 'open"));
   EXPECT_TRUE(s.ExpectPayload("REJECT", "quon", "unterminated single quote in arguments"));
   // A file that is executable but no program: exec itself fails.
-  std::string dir = TempDir("noexec");
+  std::string dir = test_support::TestOutputDir("noexec");
   {
     std::ofstream(dir + "/junk") << "\x7f"
                                     "ELF garbage";
   }
   fs::permissions(dir + "/junk", fs::perms::owner_all);
   ASSERT_TRUE(s.Send("quon", "INVOKE", cwd + " " + dir + "/junk"));
-  RawPacket p;
+  Packet p;
   ASSERT_TRUE(s.Expect("REJECT", "quon", &p));
   EXPECT_EQ(p.payload.rfind("cannot start " + dir + "/junk: ", 0), 0u) << p.payload;
 
@@ -470,7 +471,7 @@ TEST(QuonHubRequestTest, ListsProcessesAndFindsServers) {
   EXPECT_TRUE(s.ExpectPayload("QUERY", "quon", a));
   ASSERT_TRUE(s.Send("quon", "QUERY?", "qclient"));
   EXPECT_TRUE(s.ExpectPayload("QUERY", "quon", a));
-  RawPacket p;
+  Packet p;
   ASSERT_TRUE(s.Send("quon", "QUERY?", s.address() + ":nothing"));
   ASSERT_TRUE(s.Expect("QUERY", "quon", &p));
   EXPECT_EQ(p.payload, "");  // no payload: at most padding
@@ -535,7 +536,7 @@ TEST(QuonHubProgramTest, RunsProgramsThatDoNotSpeakTheProtocol) {
   ASSERT_TRUE(s.Send(p, "CMD", "run"));
   EXPECT_TRUE(s.ExpectPayload("NAK", p, "not a protocol program"));
   ASSERT_TRUE(s.Send("quon", "QUERYP?", kProcessQuery));
-  RawPacket list;
+  Packet list;
   ASSERT_TRUE(s.Expect("QUERYP", "quon", &list));
   EXPECT_EQ(list.payload.find(p), std::string::npos);
   ASSERT_TRUE(s.Send(p, "INTR"));
@@ -561,7 +562,7 @@ TEST(QuonHubFlowTest, KeepsServingWhileAReaderStallsAndLosesNothing) {
   bool flooder_paused = false;
   while (!flooder_paused) {
     ASSERT_TRUE(s.Send("quon", "CMD", "queues"));
-    RawPacket p;
+    Packet p;
     ASSERT_TRUE(s.Expect("EDONE", "quon", &p));  // "flooded" would fail this
     flooder_paused = p.payload.find(f + " 0 paused") != std::string::npos;
     if (flooder_paused) {
@@ -577,7 +578,7 @@ TEST(QuonHubFlowTest, KeepsServingWhileAReaderStallsAndLosesNothing) {
   // Both finish; the order between the two clients is theirs.
   std::set<std::string> done;
   while (done.size() < 4) {
-    RawPacket p;
+    Packet p;
     ASSERT_TRUE(s.Next(&p));
     done.insert(p.word + " " + p.source + " " + p.payload);
   }
@@ -652,7 +653,7 @@ TEST(QuonHubSourceTest, DropsPacketsThatClaimAnotherSender) {
   // The own address behind a "!" prefix is the sender's, and is answered.
   std::string prefixed = "!x" + s.address();
   ASSERT_TRUE(forge(prefixed, b, "CMD", "prefixed"));
-  RawPacket p;
+  Packet p;
   ASSERT_TRUE(s.Next(&p));
   EXPECT_EQ(p.destination + " " + p.source + " " + p.word, prefixed + " " + b + " ACK");
   ASSERT_TRUE(s.Next(&p));

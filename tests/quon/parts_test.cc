@@ -13,6 +13,8 @@
 #include "quon/file_service.h"
 #include "quon/packet_framer.h"
 #include "quon/start_request.h"
+#include "tests/support/launcher.h"
+#include "tests/support/output.h"
 #include "transport/wire_format.h"
 
 namespace varn::quon {
@@ -99,9 +101,7 @@ TEST(QuonStartRequestTest, SplitsArgumentsLikeAShell) {
 class QuonOpenFilesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = (fs::temp_directory_path() / ("quon-parts-" + std::to_string(platform::ProcessId())))
-                .string();
-    fs::remove_all(root_);
+    root_ = test_support::TestOutputDir("root");
     fs::create_directories(root_ + "/sub");
     int error = 0;
     ASSERT_TRUE(files_root_.Open(root_, &error)) << error;
@@ -185,8 +185,7 @@ TEST(QuonSpawnTest, ReportsFailuresBeforeReturning) {
   EXPECT_EQ(s.error, platform::SpawnError::kNoDirectory);
   EXPECT_EQ(s.pid, -1);
   // Extra directories come before PATH.
-  std::string dir = (fs::temp_directory_path() / "quon-spawn-path").string();
-  fs::create_directories(dir);
+  std::string dir = test_support::TestOutputDir("path");
   { std::ofstream(dir + "/true") << "#!/bin/sh\nexit 9\n"; }
   fs::permissions(dir + "/true", fs::perms::owner_all);
   platform::EventLoop loop;
@@ -200,6 +199,35 @@ TEST(QuonSpawnTest, ReportsFailuresBeforeReturning) {
   while (code < 0 && platform::MonotonicMillis() < deadline) loop.RunOnce(1000);
   EXPECT_EQ(code, 9);
   fs::remove_all(dir);
+}
+
+TEST(QuonSpawnTest, AddsEnvironmentEntriesAndClosesDescriptorsMappedFromNone) {
+  ASSERT_EQ(setenv("VARN_SPAWN_B", "old", 1), 0);
+  int out[2];
+  ASSERT_TRUE(platform::CreatePipe(out));
+  platform::SpawnRequest r;
+  r.program = "sh";
+  // printenv prints every entry of a name: a replaced variable shows once.
+  r.argv = {"sh", "-c",
+            "[ -e /proc/self/fd/2 ] || echo no-stderr; printenv VARN_SPAWN_A VARN_SPAWN_B"};
+  r.environment = {"VARN_SPAWN_A=one two", "VARN_SPAWN_B=new"};
+  r.fds = {{out[1], 1}, {-1, 2}};
+  test_support::Child child;
+  ASSERT_TRUE(child.Start(r)) << child.error();
+  platform::Close(out[1]);
+  std::string text;
+  char buf[256];
+  long n = 0;
+  while (platform::WaitReadable(out[0], 10000) &&
+         (n = platform::ReadSome(out[0], buf, sizeof buf)) > 0) {
+    text.append(buf, static_cast<std::size_t>(n));
+  }
+  platform::Close(out[0]);
+  EXPECT_EQ(child.Wait(10000), 0);
+  EXPECT_EQ(text, "no-stderr\none two\nnew\n");
+  // The caller's own environment is left as it was.
+  EXPECT_STREQ(platform::GetEnv("VARN_SPAWN_B"), "old");
+  EXPECT_EQ(platform::GetEnv("VARN_SPAWN_A"), nullptr);
 }
 
 TEST(QuonEventLoopTest, RunsTimersInOrderAndDeliversSignals) {

@@ -34,12 +34,12 @@
 #include "platform/io.h"
 #include "platform/spawn.h"
 #include "platform/system.h"
-#include "tests/quon/packet_io.h"
+#include "tests/support/packet_io.h"
 
 namespace {
 
-using varn::quon_test::PacketReader;
-using varn::quon_test::RawPacket;
+using varn::test_support::Packet;
+using varn::test_support::PacketReader;
 
 constexpr int kStepTimeoutMs = 20000;
 
@@ -51,7 +51,7 @@ struct Channel {
 };
 
 [[noreturn]] void Fail(const std::string& why) {
-  std::fprintf(stderr, "qclient %s: %s\n", varn::quon_test::OwnAddress().c_str(), why.c_str());
+  std::fprintf(stderr, "qclient %s: %s\n", varn::test_support::OwnAddress().c_str(), why.c_str());
   std::exit(3);
 }
 
@@ -63,7 +63,7 @@ std::string Resolve(const Channel& ch, const std::string& who) {
 
 void SendAs(const Channel& ch, const std::string& source, const std::string& dest,
             const std::string& word, const std::string& payload) {
-  if (!varn::quon_test::WritePacket(ch.out, Resolve(ch, dest), source, word, payload)) {
+  if (!varn::test_support::WritePacket(ch.out, Resolve(ch, dest), source, word, payload)) {
     Fail("cannot send " + word);
   }
 }
@@ -73,10 +73,10 @@ void Send(const Channel& ch, const std::string& dest, const std::string& word,
   SendAs(ch, ch.self, dest, word, payload);
 }
 
-RawPacket Next(PacketReader& reader, int timeout_ms) {
-  RawPacket p;
+Packet Next(PacketReader& reader, int timeout_ms) {
+  Packet p;
   switch (reader.Read(timeout_ms, &p)) {
-    case PacketReader::Result::kPacket:
+    case PacketReader::Result::kOk:
       return p;
     case PacketReader::Result::kTimeout:
       Fail("timed out waiting for a packet");
@@ -91,14 +91,14 @@ RawPacket Next(PacketReader& reader, int timeout_ms) {
 [[noreturn]] void Notice(const Channel& ch, PacketReader& reader, const std::string& text) {
   Send(ch, "quon", "SRVR_ERR", text);
   for (;;) {
-    RawPacket p = Next(reader, kStepTimeoutMs);
+    Packet p = Next(reader, kStepTimeoutMs);
     if (p.word == "ACK" && p.source == "quon") std::exit(0);
   }
 }
 
 [[noreturn]] void Serve(const Channel& ch, PacketReader& reader) {
   for (;;) {
-    RawPacket p = Next(reader, 24 * 3600 * 1000);
+    Packet p = Next(reader, 24 * 3600 * 1000);
     if (p.word == "CMD") {
       Send(ch, p.source, "ACK", "");
       Send(ch, p.source, "DONE", "echo:" + p.payload);
@@ -146,7 +146,7 @@ int main(int argc, char** argv) {
     }
   }
   if (ch.in < 0 || ch.out < 0) Fail("no channel options");
-  ch.self = varn::quon_test::OwnAddress();
+  ch.self = varn::test_support::OwnAddress();
   PacketReader reader(ch.in);
 
   auto arg = [&](std::size_t i) -> const std::string& {
@@ -162,7 +162,7 @@ int main(int argc, char** argv) {
       SendAs(ch, arg(i + 1), arg(i + 2), arg(i + 3), PayloadArg(arg(i + 4)));
       i += 4;
     } else if (step == "expect") {
-      RawPacket p = Next(reader, kStepTimeoutMs);
+      Packet p = Next(reader, kStepTimeoutMs);
       std::string word = arg(i + 1);
       std::string src = arg(i + 2);
       i += 2;
@@ -221,7 +221,7 @@ int main(int argc, char** argv) {
       i += 1;
       long seen = 0;
       while (seen < n) {
-        RawPacket p = Next(reader, kStepTimeoutMs);
+        Packet p = Next(reader, kStepTimeoutMs);
         if (p.word != "DATA") continue;
         if (std::atol(p.payload.substr(0, 8).c_str()) != seen) {
           Fail("packet " + p.payload.substr(0, 8) + " where " + std::to_string(seen) + " was due");

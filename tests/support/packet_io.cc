@@ -1,10 +1,10 @@
-#include "tests/quon/packet_io.h"
+#include "tests/support/packet_io.h"
 
 #include "platform/io.h"
 #include "platform/system.h"
 #include "transport/wire_format.h"
 
-namespace varn::quon_test {
+namespace varn::test_support {
 
 std::string BuildPacket(std::string_view destination, std::string_view source,
                         std::string_view word, std::string_view payload) {
@@ -25,6 +25,7 @@ bool WritePacket(int fd, std::string_view destination, std::string_view source,
 }
 
 bool PacketReader::Fill(std::int64_t deadline) {
+  if (fd_ < 0) ended_ = true;
   if (ended_) return false;
   std::int64_t left = deadline - platform::MonotonicMillis();
   if (left < 0) left = 0;
@@ -39,7 +40,7 @@ bool PacketReader::Fill(std::int64_t deadline) {
   return true;
 }
 
-PacketReader::Result PacketReader::Read(int timeout_ms, RawPacket* packet) {
+PacketReader::Result PacketReader::Read(int timeout_ms, Packet* packet) {
   std::int64_t deadline = platform::MonotonicMillis() + timeout_ms;
   for (;;) {
     if (buffer_.size() >= wire::kLengthDigits) {
@@ -47,7 +48,7 @@ PacketReader::Result PacketReader::Read(int timeout_ms, RawPacket* packet) {
       if (wire::ParseLength(buffer_.data(), &length) != wire::WireError::kOk) return Result::kBad;
       std::size_t total = wire::kLengthDigits + length;
       if (buffer_.size() >= total) {
-        RawPacket p;
+        Packet p;
         p.bytes = buffer_.substr(0, total);
         buffer_.erase(0, total);
         wire::Header h;
@@ -58,13 +59,12 @@ PacketReader::Result PacketReader::Read(int timeout_ms, RawPacket* packet) {
         p.destination = h.destination;
         p.source = h.source;
         p.word = h.word;
-        p.has_payload = h.has_payload;
         if (h.has_payload) {
           p.payload = p.bytes.substr(wire::kLengthDigits + h.payload_offset, h.payload_length);
           while (!p.payload.empty() && p.payload.back() == '\0') p.payload.pop_back();
         }
         *packet = std::move(p);
-        return Result::kPacket;
+        return Result::kOk;
       }
     }
     if (!Fill(deadline)) return ended_ ? Result::kEnd : Result::kTimeout;
@@ -78,7 +78,7 @@ PacketReader::Result PacketReader::ReadLine(int timeout_ms, std::string* line) {
     if (nl != std::string::npos) {
       *line = buffer_.substr(0, nl);
       buffer_.erase(0, nl + 1);
-      return Result::kPacket;
+      return Result::kOk;
     }
     if (!Fill(deadline)) return ended_ ? Result::kEnd : Result::kTimeout;
   }
@@ -92,4 +92,4 @@ std::string HostName() {
 
 std::string OwnAddress() { return std::to_string(platform::ProcessId()) + "@" + HostName(); }
 
-}  // namespace varn::quon_test
+}  // namespace varn::test_support
