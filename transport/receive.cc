@@ -47,6 +47,20 @@ bool Store(int h, const char* destination, const char* source, int category, con
                                     e.recv_stream, e.send_stream);
 }
 
+// Stores a message from a known source (a row is found, never created).
+// Returns the row, or -1 for an unknown source, which is ignored without
+// an error.
+int StoreIfKnown(const char* destination, const char* source, int category, const char* payload,
+                 std::size_t length) REQUIRES(core::kLibrary) {
+  int h = Find(source);
+  if (h < 0) {
+    VarnErrorNo = 0;
+    return -1;
+  }
+  Store(h, destination, source, category, payload, length);
+  return h;
+}
+
 void AnswerStatusQuery(const char* source, const char* destination) REQUIRES(core::kLibrary) {
   char text[VARN_STATUS_TEXT_SIZE];
   int status = core::StatusSnapshot(text, sizeof text);
@@ -373,16 +387,11 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
       return 1;
     case VARN_STATUS:
       if (transport::IsHub(source) && length != 0 && payload != nullptr &&
-          std::strcmp(payload, "IDLE") == 0) {
+          std::strcmp(payload, wire::StatusWord(VARN_STATUS_IDLE)) == 0) {
         VarnRecvedQuonStatusIdle = 1;
         return 1;
       }
-      h = transport::Find(source);
-      if (h < 0) {
-        VarnErrorNo = 0;
-        return 1;
-      }
-      transport::Store(h, destination, source, category, payload, length);
+      transport::StoreIfKnown(destination, source, category, payload, length);
       return 1;
     case VARN_KILL: {
       h = transport::FindOrCreate(source);
@@ -395,12 +404,8 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
     }
     case VARN_ACCEPT:
     case VARN_REJECT: {
-      h = transport::Find(source);
-      if (h < 0) {
-        VarnErrorNo = 0;
-        return 1;
-      }
-      transport::Store(h, destination, source, category, payload, length);
+      h = transport::StoreIfKnown(destination, source, category, payload, length);
+      if (h < 0) return 1;
       Row row(h);
       if (row.is(varn::core::RowState::kStarting)) {
         if (category == VARN_ACCEPT) {
@@ -482,12 +487,7 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
     case VARN_ACK:
     case VARN_NAK:
     case VARN_QUERY:
-      h = transport::Find(source);
-      if (h < 0) {
-        VarnErrorNo = 0;
-        return 1;
-      }
-      transport::Store(h, destination, source, category, payload, length);
+      transport::StoreIfKnown(destination, source, category, payload, length);
       return 1;
     case VARN_QUERY_Q:
       transport::AnswerAddressQuery(source, destination, payload, length);
