@@ -19,6 +19,7 @@
 #include "transport/await.h"
 #include "transport/channel.h"
 #include "transport/output.h"
+#include "transport/queue.h"
 #include "transport/upcalls.h"
 #include "transport/wire_format.h"
 #include "transport/wire_requests.h"
@@ -155,14 +156,16 @@ extern "C" int varn_put_msg_in_queue(varnHandle h, int category, const char* dat
                                      int64_t length) noexcept {
   core::OnApplicationThread();
   const VarnEntry& row = VarnMessage[h];
-  return varn_queue_put_msg(row.address, row.local_address, data, category,
+  return transport::PutBack(row.address, row.local_address, data, category,
                             length > 0 ? static_cast<size_t>(length) : 0);
 }
 
 // ---- Waiting and receiving --------------------------------------------------
 
-extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_t* length,
-                         uint32_t default_category, int force) noexcept {
+namespace {
+
+int Wait(varnHandle h, uint32_t* category, char* buffer, uint32_t* length,
+         uint32_t default_category, int force, bool take_put_back) {
   if (!EnterCall(h)) return 0;
   if (PeerDisabled(h) || (transport::ActiveChannel().SimulatesPeers() && force == 0)) {
     *category = default_category;
@@ -182,6 +185,7 @@ extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_
   bool read;
   {
     transport::Lane only(h, {});
+    if (take_put_back) transport::LaneTakesPutBack();
     read = transport::AwaitUntil([&row] {
       int last = row.last_category();
       if (last == VARN_NONE) return false;
@@ -213,11 +217,19 @@ extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_
   }
 }
 
+}  // namespace
+
+extern "C" int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32_t* length,
+                         uint32_t default_category, int force) noexcept {
+  return Wait(h, category, buffer, length, default_category, force, false);
+}
+
+// Also takes, from the queue, what the application put back.
 extern "C" int varn_wait_for_any_from_handle(varnHandle h, uint32_t* category, char* buffer,
                                              uint32_t* length, uint32_t default_category,
                                              int force) noexcept {
   VarnSigusr1Caught = 1;
-  return varn_wait(h, category, buffer, length, default_category, force);
+  return Wait(h, category, buffer, length, default_category, force, true);
 }
 
 extern "C" int varn_recv_msg_len_new(varnHandle h, uint32_t* category, char* buffer,

@@ -27,6 +27,7 @@
 
 #include "core/library_state.h"
 #include "core/rows.h"
+#include "transport/queue.h"
 #include "transport/upcalls.h"
 #include "transport/wire_format.h"
 #include "varn.h"
@@ -40,6 +41,7 @@ struct QueuedMessage {
   int category;
   size_t length;
   std::uint64_t sequence;  // arrival order
+  bool put_back;           // put back by the application (varn_put_msg_in_queue)
   // Arrival order, all messages.
   QueuedMessage* prev;
   QueuedMessage* next;
@@ -74,6 +76,8 @@ char* g_last_destination GUARDED_BY(kLibrary) = nullptr;
 char* g_last_payload GUARDED_BY(kLibrary) = nullptr;
 
 int g_outband_channel GUARDED_BY(kLibrary) = -1;
+// Whether the lane also lets through messages the application put back.
+bool g_lane_takes_put_back GUARDED_BY(kLibrary) = false;
 // VARN_CATEGORY_COUNT entries, allocated by varn_queue_init.
 int* g_outband_categories GUARDED_BY(kLibrary) = nullptr;
 
@@ -89,6 +93,16 @@ bool AnyCategorySet(const int* set) {
 
 int ChainIndex(int category) {
   return category >= 0 && category < VARN_CATEGORY_COUNT ? category : 0;
+}
+
+// The chains of messages put back by the application are kept apart from
+// those of messages that arrived: a put-back message waits for a later
+// call, never for the wait that put it back (the lane of a plain wait does
+// not take it; see varn_put_msg_in_queue).
+std::string ChainKey(const char* source, bool put_back) {
+  std::string key = source;
+  if (put_back) key += '\x01';  // no address holds this character
+  return key;
 }
 
 std::unordered_map<std::string, SourceChains>& BySource() REQUIRES(kLibrary) {
@@ -107,7 +121,7 @@ void Link(QueuedMessage* m) REQUIRES(kLibrary) {
   g_tail = m;
   m->chain_next = nullptr;
   if (m->source == nullptr) return;
-  SourceChains& chains = BySource()[m->source];
+  SourceChains& chains = BySource()[ChainKey(m->source, m->put_back)];
   Chain& chain = chains.by_category[ChainIndex(m->category)];
   if (chain.tail != nullptr) {
     chain.tail->chain_next = m;
@@ -133,7 +147,7 @@ void Unlink(QueuedMessage* m) REQUIRES(kLibrary) {
     g_tail = m->prev;
   }
   if (m->source == nullptr || g_by_source == nullptr) return;
-  auto it = g_by_source->find(m->source);
+  auto it = g_by_source->find(ChainKey(m->source, m->put_back));
   if (it == g_by_source->end()) return;
   Chain& chain = it->second.by_category[ChainIndex(m->category)];
   chain.head = m->chain_next;
@@ -171,14 +185,17 @@ QueuedMessage* OldestForLane() REQUIRES(kLibrary) {
   int first = varnP_find_entry_exact(row.address, 1);
   VarnErrorNo = saved;
   if (first != h) return nullptr;
-  auto it = g_by_source->find(row.address);
-  if (it == g_by_source->end()) return nullptr;
   bool filtered = AnyCategorySet(g_outband_categories);
   QueuedMessage* oldest = nullptr;
-  for (int c = 0; c < VARN_CATEGORY_COUNT; ++c) {
-    if (filtered && g_outband_categories[c] != 1) continue;
-    QueuedMessage* m = it->second.by_category[c].head;
-    if (m != nullptr && (oldest == nullptr || m->sequence < oldest->sequence)) oldest = m;
+  for (bool put_back : {false, true}) {
+    if (put_back && !g_lane_takes_put_back) break;
+    auto it = g_by_source->find(ChainKey(row.address, put_back));
+    if (it == g_by_source->end()) continue;
+    for (int c = 0; c < VARN_CATEGORY_COUNT; ++c) {
+      if (filtered && g_outband_categories[c] != 1) continue;
+      QueuedMessage* m = it->second.by_category[c].head;
+      if (m != nullptr && (oldest == nullptr || m->sequence < oldest->sequence)) oldest = m;
+    }
   }
   return oldest;
 }
@@ -219,9 +236,10 @@ extern "C" int varn_queue_deinit(void) noexcept {
   return 1;
 }
 
-extern "C" int varn_queue_put_msg(const char* source, const char* destination, const char* payload,
-                                  int category, size_t length) noexcept {
-  varn::core::OnApplicationThread();
+namespace {
+
+int Put(const char* source, const char* destination, const char* payload, int category,
+        size_t length, bool put_back) REQUIRES(kLibrary) {
   varn_util_hold_sigusr1(1);
   auto* m = static_cast<QueuedMessage*>(std::malloc(sizeof(QueuedMessage)));
   if (m == nullptr) {
@@ -255,12 +273,32 @@ extern "C" int varn_queue_put_msg(const char* source, const char* destination, c
   m->category = category;
   m->length = length;
   m->sequence = g_next_sequence++;
+  m->put_back = put_back;
   Link(m);
-  VarnSigusr1Caught = 1;
+  if (!put_back) VarnSigusr1Caught = 1;
   varn_queueMsgCount(1);
   varn_post_quonin_msg();
   varn_util_release_sigusr1(1);
   return 1;
+}
+
+}  // namespace
+
+namespace varn::transport {
+
+int PutBack(const char* source, const char* destination, const char* payload, int category,
+            size_t length) {
+  return Put(source, destination, payload, category, length, true);
+}
+
+void LaneTakesPutBack() { g_lane_takes_put_back = true; }
+
+}  // namespace varn::transport
+
+extern "C" int varn_queue_put_msg(const char* source, const char* destination, const char* payload,
+                                  int category, size_t length) noexcept {
+  varn::core::OnApplicationThread();
+  return Put(source, destination, payload, category, length, false);
 }
 
 extern "C" int varn_queue_get_msg(char** source, char** destination, char** payload, int* category,
@@ -322,6 +360,7 @@ extern "C" int varn_queue_set_outband(varnHandle h, const int* categories) noexc
 extern "C" int varn_queue_reset_outband(void) noexcept {
   varn::core::OnApplicationThread();
   g_outband_channel = -1;
+  g_lane_takes_put_back = false;
   if (g_outband_categories != nullptr) {
     std::memset(g_outband_categories, 0, VARN_CATEGORY_COUNT * sizeof(int));
   }

@@ -605,6 +605,26 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     Report("ready");
     for (;;) g_counter.fetch_add(1);
   }
+  if (mode == "put-back") {  // a stray message is put back until the DONE comes
+    int h = Connect("srv", "S1@h");
+    Report("send %d", varn_send_msg(h, VARN_CMD, "open", 0));
+    uint32_t category = 0, length = 0;
+    char buffer[256];
+    int put_back = 0;
+    for (;;) {
+      category = 0;
+      length = sizeof buffer - 1;
+      if (!varn_wait(h, &category, buffer, &length, VARN_DONE, 1)) break;
+      if (category == VARN_DONE) break;
+      varn_put_msg_in_queue(h, static_cast<int>(category), buffer, length);
+      ++put_back;
+    }
+    Report("done %s put_back=%d", buffer, put_back);
+    // A later call takes what was put back.
+    varn_wait_for_any_from_handle(h, &category, buffer, &length, 0, 1);
+    Report("later %s %s", Word(category), buffer);
+    return 0;
+  }
   Report("unknown mode %s", mode.c_str());
   return 2;
 }

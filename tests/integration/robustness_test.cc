@@ -88,6 +88,20 @@ TEST_F(RobustnessTest, RequestToTheHubFromACallbackDuringAWaitGetsItsAnswer) {
   AckExitNotice();
 }
 
+TEST_F(RobustnessTest, MessagePutBackDuringAWaitWaitsForALaterCall) {
+  StartPeer("put-back");
+  Expect("CMD");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(hub_.Report(), "send 1");
+  // A stray message comes before the answer: the loop puts it back and
+  // waits on, instead of taking it again for ever.
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DATA", "stray"));
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DONE", "opened 7"));
+  EXPECT_EQ(hub_.Report(), "done opened 7 put_back=1");
+  EXPECT_EQ(hub_.Report(), "later DATA stray");
+  AckExitNotice();
+}
+
 TEST_F(RobustnessTest, DataBatchesStayBelowThePacketLimitWithTheirPadding) {
   StartPeer("batch-edge");
   Expect("BEGIN");
