@@ -356,6 +356,16 @@ VARN_EXPORT int varn_debug_invoke_entry(varnHandle h, const char* program, const
                                         const char* prefix) VARN_NOEXCEPT;
 VARN_EXPORT int varn_debug_query_status(varnHandle h, uint32_t* status, char* text) VARN_NOEXCEPT;
 
+/* ---- Remote file requests -------------------------------------------- */
+
+/* ---- Remote file streams and file wrappers ---------------------------- */
+
+/* ---- Status session client -------------------------------------------- */
+
+/* ---- Help server client ----------------------------------------------- */
+
+/* ---- Tool launchers ---------------------------------------------------- */
+
 #ifdef __cplusplus
 }
 #endif
