@@ -44,6 +44,7 @@ class AwaitingAnswer {
   // The category of the answer filed so far (0: none yet).
   int category() const { return row_.last_category; }
   VarnFileEntry& row() { return row_; }
+  const VarnFileEntry& row() const { return row_; }
   // The state the row takes when the object goes.
   void set_after(FileRowState after) { after_ = after; }
 

@@ -1,5 +1,6 @@
 #include "host/lorn_path.h"
 
+#include "platform/files.h"
 #include "platform/io.h"
 
 namespace varn::host {
@@ -8,6 +9,11 @@ std::FILE* LornPath::fopen(const char* mode) const { return std::fopen(path_, mo
 
 std::FILE* LornPath::OpenUnique(char* name_template, const char* mode) {
   return platform::CreateUniqueFile(name_template, mode);
+}
+
+int LORN::unlink_utf8(const LornString& path) {
+  int error = 0;
+  return platform::RemoveEntry(path.c_str(), &error) ? 0 : -1;
 }
 
 }  // namespace varn::host

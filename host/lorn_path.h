@@ -1,5 +1,5 @@
-// Stand-in for the foundation library's path type: opening files by a
-// UTF-8 path.
+// Stand-in for the foundation library's path and string types: opening and
+// removing files by a UTF-8 path.
 #ifndef VARN_HOST_LORN_PATH_H_
 #define VARN_HOST_LORN_PATH_H_
 
@@ -19,6 +19,21 @@ class LornPath {
  private:
   const char* path_;
 };
+
+// A UTF-8 text as the foundation library passes it around.
+class LornString {
+ public:
+  explicit LornString(const char* text) : text_(text != nullptr ? text : "") {}
+  const char* c_str() const { return text_; }
+
+ private:
+  const char* text_;
+};
+
+namespace LORN {
+// Removes the file the path names; 0 on success, -1 on failure.
+int unlink_utf8(const LornString& path);
+}  // namespace LORN
 
 }  // namespace varn::host
 

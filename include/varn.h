@@ -287,6 +287,13 @@ VARN_EXPORT int varn_set_immediate_intr_kill_mode(varnHandle h, uint32_t flag) V
 VARN_EXPORT void KOnvtMainLoop(void) VARN_NOEXCEPT;
 VARN_EXPORT void KOMainLoop(void) VARN_NOEXCEPT;
 VARN_EXPORT int KOnvtAccept(void) VARN_NOEXCEPT;
+/* The line calls work on a remote stream (the FILE* carries its number) when
+   the process is connected by a socket and local is 0, else on the local
+   stream. A line is cut at its first line feed, carriage return or Ctrl-Z;
+   a line that starts with Ctrl-Z is the end of the input (0, now and at the
+   next calls, until the stream is repositioned or closed through the
+   wrappers below). varn_readline's buffer holds 1025 bytes: a longer line
+   comes back in pieces of 1024 characters. */
 VARN_EXPORT int varn_readline(FILE* stream, char* buffer, int local) VARN_NOEXCEPT;
 VARN_EXPORT int varn_readlineP(FILE* stream, char** line, int local) VARN_NOEXCEPT;
 VARN_EXPORT int varn_writeline(FILE* stream, uint32_t newline, const char* text,
@@ -358,7 +365,81 @@ VARN_EXPORT int varn_debug_query_status(varnHandle h, uint32_t* status, char* te
 
 /* ---- Remote file requests -------------------------------------------- */
 
+/* File operations the hub carries out beside itself for this process, one
+   request and one answer each. A remote file handle is a row 0..29 of the
+   remote file table. Modes: 1 READ, 2 WRITE, 3 APPEND; types: 1 TEXT,
+   2 BINARY. Errors 44 to 57 and 71 to 74 (see varn_codes.h). */
+VARN_EXPORT int varn_quon_fopen(int* handle, const char* name, int mode, int type) VARN_NOEXCEPT;
+VARN_EXPORT int varn_quon_fclose(int handle) VARN_NOEXCEPT;
+/* Items read (at most 30208 bytes a call); 0 on failure, 57 at the end. */
+VARN_EXPORT uint64_t varn_quon_fread(void* buffer, uint64_t size, uint64_t count,
+                                     int handle) VARN_NOEXCEPT;
+/* Items written, split into packets of at most 30208 bytes; after a refused
+   packet the bytes accepted before it. */
+VARN_EXPORT uint64_t varn_quon_fwrite(const void* buffer, uint64_t size, uint64_t count,
+                                      int handle) VARN_NOEXCEPT;
+VARN_EXPORT int varn_quon_frewind(int handle) VARN_NOEXCEPT;
+VARN_EXPORT int varn_quon_funlink(const char* path) VARN_NOEXCEPT;
+/* *kind: 1 a directory, 2 a regular file, 0 anything else. */
+VARN_EXPORT int varn_quon_fstat(const char* path, int* kind) VARN_NOEXCEPT;
+VARN_EXPORT int varn_quon_feof(int handle) VARN_NOEXCEPT;
+/* 0 on success (like fseek), 1 on failure. */
+VARN_EXPORT int varn_quon_fseek(int handle, int offset, int whence,
+                                int64_t* position) VARN_NOEXCEPT;
+VARN_EXPORT int64_t varn_quon_ftell(int handle) VARN_NOEXCEPT;
+
 /* ---- Remote file streams and file wrappers ---------------------------- */
+
+/* Remote streams, numbered 1 to 30, buffered over the requests above. Open
+   codes: mode 1 read, 0 write, 3 append; text 1 text, 0 binary. */
+VARN_EXPORT int varn_fileR_fopen(uint64_t* stream, const char* name, uint32_t mode,
+                                 uint32_t text) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_fclose(uint32_t stream) VARN_NOEXCEPT;
+VARN_EXPORT uint64_t varn_fileR_fread(uint32_t stream, uint64_t size, uint64_t count,
+                                      void* buffer) VARN_NOEXCEPT;
+VARN_EXPORT uint64_t varn_fileR_fwrite(uint32_t stream, uint64_t size, uint64_t count,
+                                       const void* buffer) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_fseek(uint32_t stream, int64_t offset, uint32_t whence) VARN_NOEXCEPT;
+VARN_EXPORT int64_t varn_fileR_ftell(uint32_t stream) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_feof(uint32_t stream) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_rewind(uint32_t stream) VARN_NOEXCEPT;
+/* line: at least 1025 bytes; a longer line comes back in pieces. */
+VARN_EXPORT int varn_fileR_readline(uint32_t stream, char* line) VARN_NOEXCEPT;
+/* The line is in the library's line buffer (see varn_readlineP). */
+VARN_EXPORT int varn_fileR_readlineP(uint32_t stream) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_writeline(uint32_t stream, uint32_t newline,
+                                     const char* text) VARN_NOEXCEPT;
+/* One conversion ("d", "e", "f", "le", "lf", "s" or "c") into *destination;
+   1 or -1. */
+VARN_EXPORT int varn_fileR_fscanf(uint64_t stream, int local, const char* conversion,
+                                  void** destination) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_stat(const char* path, int* kind) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_unlink(const char* path) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fileR_find_remote_file_entry_by_fp(uint32_t stream, int* index) VARN_NOEXCEPT;
+
+/* stdio-like wrappers: a remote stream (the FILE* carries its number) when
+   the process is connected by a socket and local is 0, else a local file. */
+VARN_EXPORT int varn_fopen(FILE** stream, const char* name, int mode, int text,
+                           int local) VARN_NOEXCEPT;
+VARN_EXPORT FILE* varn_file_fopen(const char* name, const char* mode, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fclose(FILE* stream, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_file_fclose(FILE* stream, int local) VARN_NOEXCEPT;
+VARN_EXPORT uint64_t varn_fread(FILE* stream, uint64_t size, uint64_t count, void* buffer,
+                                int local) VARN_NOEXCEPT;
+VARN_EXPORT uint64_t varn_fwrite(FILE* stream, uint64_t size, uint64_t count, const void* buffer,
+                                 int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fseek(FILE* stream, int32_t offset, int whence, int local) VARN_NOEXCEPT;
+VARN_EXPORT int64_t varn_ftell(FILE* stream, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_feof(FILE* stream, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_rewind(FILE* stream, int local) VARN_NOEXCEPT;
+VARN_EXPORT char* varn_fgets(FILE* stream, char* buffer, uint32_t n, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fputs(FILE* stream, const char* text, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fprintf(FILE* stream, int local, const char* format, ...) VARN_NOEXCEPT;
+VARN_EXPORT int varn_fscanf(FILE* stream, int local, const char* format, ...) VARN_NOEXCEPT;
+/* *kind: 1 a directory, 2 a regular file, 0 anything else. */
+VARN_EXPORT int varn_stat(const char* path, uint32_t* kind, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_unlink(const char* path, int local) VARN_NOEXCEPT;
+VARN_EXPORT int varn_file_unlink(const char* path, int local) VARN_NOEXCEPT;
 
 /* ---- Status session client -------------------------------------------- */
 

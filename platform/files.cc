@@ -245,6 +245,24 @@ bool File::AtEnd() const { return std::feof(Stream(stream_)) != 0; }
 
 void File::Rewind() { std::rewind(Stream(stream_)); }
 
+bool FileModeBits(const std::string& path, unsigned* mode, int* error) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    *error = errno;
+    return false;
+  }
+  *mode = static_cast<unsigned>(st.st_mode);
+  return true;
+}
+
+bool RemoveEntry(const std::string& path, int* error) {
+  if (unlink(path.c_str()) != 0) {
+    *error = errno;
+    return false;
+  }
+  return true;
+}
+
 int OpenForAppend(const std::string& path, int* error) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) *error = errno;

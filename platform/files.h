@@ -95,6 +95,12 @@ class File {
   void* stream_;
 };
 
+// The mode bits of what a path names (stat(2), links followed). False with
+// *error set when it cannot be looked at.
+bool FileModeBits(const std::string& path, unsigned* mode, int* error);
+// Removes a directory entry (unlink(2)). False with *error set.
+bool RemoveEntry(const std::string& path, int* error);
+
 // Opens (creating it when needed) a file for appending; close-on-exec.
 // Returns the descriptor, or -1 with *error set.
 int OpenForAppend(const std::string& path, int* error);

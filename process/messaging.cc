@@ -358,64 +358,6 @@ extern "C" void KOnvtMainLoop(void) noexcept {
 
 extern "C" void KOMainLoop(void) noexcept { KOnvtMainLoop(); }
 
-// ---- Lines ------------------------------------------------------------------
-
-namespace {
-
-// Cuts a line at its first line feed, carriage return or Ctrl-Z. Returns
-// false when the line starts with Ctrl-Z (end of input).
-bool CutLine(char* line) {
-  if (line[0] == 26) return false;
-  line[std::strcspn(line, "\n\r\x1a")] = '\0';
-  return true;
-}
-
-}  // namespace
-
-// Reads at most 1024 characters. A longer line is handed back in pieces of
-// 1024 characters, one per call, so the caller's 1025-byte buffer is never
-// overrun and nothing is lost.
-extern "C" int varn_readline(FILE* stream, char* buffer, int /*local*/) noexcept {
-  if (stream == nullptr || buffer == nullptr) return 0;
-  if (std::fgets(buffer, VARN_LINE_SIZE, stream) == nullptr) return 0;
-  return CutLine(buffer) ? 1 : 0;
-}
-
-extern "C" int varn_readlineP(FILE* stream, char** line, int /*local*/) noexcept {
-  core::OnApplicationThread();
-  if (stream == nullptr || !varn_init_varn_line()) return 0;
-  auto& s = State();
-  std::size_t used = 0;
-  s.line_buffer[0] = '\0';
-  for (;;) {
-    if (std::fgets(s.line_buffer + used, static_cast<int>(s.line_capacity - used), stream) ==
-        nullptr) {
-      if (used == 0) return 0;
-      break;
-    }
-    used += std::strlen(s.line_buffer + used);
-    if (used > 0 && s.line_buffer[used - 1] == '\n') break;
-    if (used + 1 < s.line_capacity) break;  // end of input without a line feed
-    char* grown = static_cast<char*>(std::realloc(s.line_buffer, s.line_capacity + 1024));
-    if (grown == nullptr) {
-      VarnErrorNo = VARN_E_MALLOC;
-      break;
-    }
-    s.line_buffer = grown;
-    s.line_capacity += 1024;
-  }
-  *line = s.line_buffer;
-  return CutLine(s.line_buffer) ? 1 : 0;
-}
-
-extern "C" int varn_writeline(FILE* stream, uint32_t newline, const char* text,
-                              int /*local*/) noexcept {
-  if (stream == nullptr || text == nullptr) return 0;
-  if (std::fputs(text, stream) < 0) return 0;
-  if (newline && std::fputc('\n', stream) == EOF) return 0;
-  return 1;
-}
-
 // ---- Time -------------------------------------------------------------------
 
 extern "C" int varn_start_time(void) noexcept {

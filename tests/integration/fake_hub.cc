@@ -35,8 +35,8 @@ bool FakeHub::Start(const std::string& mode, const Options& options) {
   platform::IgnoreBrokenPipeSignal();
   socket_ = options.socket;
   platform::SpawnRequest request;
-  request.program = VARN_PEER_PATH;
-  request.argv = {VARN_PEER_PATH};
+  request.program = options.program;
+  request.argv = {options.program};
   request.environment = options.env;
   request.new_process_group = false;
   if (!options.parent.empty()) {

@@ -17,12 +17,13 @@ using test_support::Packet;
 class FakeHub {
  public:
   struct Options {
-    bool socket = false;             // one socketpair end instead of two pipes
-    std::string parent = "quon";     // value of -quon_parentid ("" for none)
-    std::vector<std::string> extra;  // further arguments before the mode
-    std::vector<std::string> tail;   // arguments after the mode
-    std::vector<std::string> env;    // NAME=value added to the environment
-    bool close_stderr = false;       // start the program without descriptor 2
+    bool socket = false;                   // one socketpair end instead of two pipes
+    std::string parent = "quon";           // value of -quon_parentid ("" for none)
+    std::vector<std::string> extra;        // further arguments before the mode
+    std::vector<std::string> tail;         // arguments after the mode
+    std::vector<std::string> env;          // NAME=value added to the environment
+    bool close_stderr = false;             // start the program without descriptor 2
+    std::string program = VARN_PEER_PATH;  // the program linked to the library
   };
 
   FakeHub() = default;
