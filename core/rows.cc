@@ -1,5 +1,6 @@
 #include "core/rows.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -291,8 +292,15 @@ int varn_is_child_of_daemon(void) noexcept {
 int varn_get_parent_info(char* name, char* id) noexcept {
   varn::core::OnApplicationThread();
   const varn::core::LibraryState& state = State();
-  if (name != nullptr) std::strcpy(name, state.opt_parentname ? state.opt_parentname : "");
-  if (id != nullptr) std::strcpy(id, state.opt_parentid ? state.opt_parentid : "");
+  // The options come from the command line and may be of any length; the
+  // caller's buffers hold VARN_PARENT_INFO_SIZE bytes.
+  if (name != nullptr) {
+    std::snprintf(name, VARN_PARENT_INFO_SIZE, "%s",
+                  state.opt_parentname ? state.opt_parentname : "");
+  }
+  if (id != nullptr) {
+    std::snprintf(id, VARN_PARENT_INFO_SIZE, "%s", state.opt_parentid ? state.opt_parentid : "");
+  }
   return 1;
 }
 

@@ -120,6 +120,9 @@ VARN_EXPORT int varn_query_handle_address(varnHandle h, char** name, char** addr
 VARN_EXPORT int varn_chan_type(void) VARN_NOEXCEPT;
 VARN_EXPORT int varn_get_chan_mode(void) VARN_NOEXCEPT;
 VARN_EXPORT int varn_is_child_of_daemon(void) VARN_NOEXCEPT;
+/* The parent's name and id (-quon_parentname, -quon_parentid), each cut to
+   fit a buffer of VARN_PARENT_INFO_SIZE bytes. */
+#define VARN_PARENT_INFO_SIZE 256
 VARN_EXPORT int varn_get_parent_info(char* name, char* id) VARN_NOEXCEPT;
 VARN_EXPORT int varn_if_asciionly(void) VARN_NOEXCEPT;
 VARN_EXPORT int varnP_find_file_entry(void) VARN_NOEXCEPT;
@@ -339,6 +342,9 @@ VARN_EXPORT int varnP_is_connected(const char* name, const char* address) VARN_N
 /* *list points into library memory, valid until the next request to Quon. */
 VARN_EXPORT int varn_query_pg_process(char** list) VARN_NOEXCEPT;
 VARN_EXPORT int varn_prep_query_result(char* list, char** cursor) VARN_NOEXCEPT;
+/* Each word of a record is cut to fit a buffer of VARN_QUERY_WORD_SIZE
+   bytes. */
+#define VARN_QUERY_WORD_SIZE 512
 VARN_EXPORT int varn_get_query_result(char** cursor, char* name, char* address, char* third,
                                       int* number) VARN_NOEXCEPT;
 VARN_EXPORT int varn_query_server_address(const char* server, char** address) VARN_NOEXCEPT;
@@ -443,12 +449,100 @@ VARN_EXPORT int varn_file_unlink(const char* path, int local) VARN_NOEXCEPT;
 
 /* ---- Status session client -------------------------------------------- */
 
+/* The status server ("dravosess") shows display lines in windows grouped by
+   session. Kinds of display lines: */
+#define VARN_STATUS_WARNING 0
+#define VARN_STATUS_PROGRESS 1
+#define VARN_STATUS_INFO 2
+
+/* Asks the status server (found among the known processes or started
+   first) for a new session: its number, or 0 on failure. */
+VARN_EXPORT int varn_status_open_session(void) VARN_NOEXCEPT;
+/* Sends a display line of one kind to a session, finding or starting the
+   status server first; null texts are sent as empty texts, and a line that
+   would exceed 5807 bytes is cut there. When the status server can be
+   neither found nor started, text1 is written to the error stream instead.
+   1 when the line was sent. */
+VARN_EXPORT int varn_status_display_de(uint32_t session, uint32_t kind, const char* text1,
+                                       const char* text2, const char* text3) VARN_NOEXCEPT;
+/* Asks the status server to show a session. Like varn_status_map_to_front
+   it does not look for the server: before the server is known it fails
+   with 31. */
+VARN_EXPORT int varn_status_show_session(uint32_t session) VARN_NOEXCEPT;
+/* The status server's handle, finding or starting the server first; -1
+   when that fails. */
+VARN_EXPORT int varn_status_get_varnhandle(void) VARN_NOEXCEPT;
+
 /* ---- Help server client ----------------------------------------------- */
+
+/* The help server ("dravohelp") drives the help viewer. Its handle, -1
+   while none is known, and the help error number, an index of the table of
+   varn_help_get_error_message (16, "No error", at first). */
+VARN_EXPORT extern int KohelpMessageHandle;
+VARN_EXPORT extern int VarnHelpErrorNo;
+
+/* The message buffer of varn_help_open and varn_help_manual must hold this
+   many bytes; a longer text is cut. */
+#define VARN_HELP_MESSAGE_SIZE 256
+
+/* Wakes the help server (sends it "Invoke"), starting it when none runs or
+   the one known reports itself dead. 1 when it was sent. */
+VARN_EXPORT int varn_help_invoke(void) VARN_NOEXCEPT;
+/* Ends the help server; 1 when it was ended or none was known. */
+VARN_EXPORT int varn_help_kill(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_help_get_handle(void) VARN_NOEXCEPT;
+/* Asks the help server for its title; the answer comes as a DONE. 1 when
+   the request was sent. */
+VARN_EXPORT int varn_help_get_version(void) VARN_NOEXCEPT;
+/* Asks the help viewer to show a topic of a book (of any book when book is
+   null or empty) and reads the answer. *busy is 1 when the viewer could not
+   take the request at once; message receives the reason or the server's
+   answer ("" when the topic is shown). 1 when the request was taken. */
+VARN_EXPORT int varn_help_open(const char* topic, const char* book, int* busy,
+                               char* message) VARN_NOEXCEPT;
+/* varn_help_open of the book "Manuals". */
+VARN_EXPORT int varn_help_manual(const char* topic, int* busy, char* message) VARN_NOEXCEPT;
+/* Asks the help viewer to show a web address; 1 when sent. */
+VARN_EXPORT int varn_help_open_url(const char* address) VARN_NOEXCEPT;
+/* Asks the help viewer to show the web page of an error text; 1 when sent. */
+VARN_EXPORT int varn_help_weblinked_error(const char* text) VARN_NOEXCEPT;
+/* The message of VarnHelpErrorNo; null for a number outside 0..16. */
+VARN_EXPORT const char* varn_help_get_error_message(void) VARN_NOEXCEPT;
+/* The arguments formatted (at most 511 bytes) in a new heap text, which the
+   caller frees with free(); null when memory is short. */
+VARN_EXPORT char* varn_help_get_error_solved_message(const char* format, ...) VARN_NOEXCEPT;
 
 /* ---- Tool launchers ---------------------------------------------------- */
 
+/* Each returns the handle of the one running instance of a tool program
+   that this process shares among its users, starting one only when none is
+   usable; -1 when it cannot be started (VarnErrorNo says why). */
+
+/* The dataset server ("dravodss"), or the display server when it serves
+   datasets (varn_dataset_is_merged). */
+VARN_EXPORT int varn_dataset_invoke(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_dataset_invoke_with_args(const char* args) VARN_NOEXCEPT;
+/* 1 when the display server serves datasets, 0 when the dataset server
+   does: the setting USE_DATASET_SERVER of the settings "dravo", read once. */
+VARN_EXPORT int varn_dataset_is_merged(void) VARN_NOEXCEPT;
+/* The display server ("dravodds"); a running one started by another call
+   of this process is taken over. */
+VARN_EXPORT int varn_dds_invoke(void) VARN_NOEXCEPT;
+VARN_EXPORT int varn_dds_invoke_with_args(const char* args) VARN_NOEXCEPT;
+/* The data-flow tool ("velordftool"). */
+VARN_EXPORT int varn_dftool_invoke(void) VARN_NOEXCEPT;
+/* The instrument server ("dravoinstrio"). */
+VARN_EXPORT int varn_instrument_invoke(void) VARN_NOEXCEPT;
+
 #ifdef __cplusplus
 }
+#endif
+
+#ifdef __cplusplus
+/* Brings the status window to the front (on non-zero) or lets it stay where
+   it is (0); see varn_status_show_session. This call alone is exported
+   with C++ linkage. */
+VARN_EXPORT int varn_status_map_to_front(int on) VARN_NOEXCEPT;
 #endif
 
 #endif /* VARN_H_ */

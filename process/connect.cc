@@ -193,7 +193,10 @@ extern "C" int varn_get_query_result(char** cursor, char* name, char* address, c
   std::string_view rest = *cursor;
   wire::ProcessRecord record;
   if (!wire::NextProcessRecord(&rest, &record)) return 0;
+  // The list comes from the hub and its words may be long (paths); each is
+  // cut to the caller's buffer.
   auto copy = [](char* out, std::string_view word) {
+    word = word.substr(0, VARN_QUERY_WORD_SIZE - 1);
     std::memcpy(out, word.data(), word.size());
     out[word.size()] = '\0';
   };

@@ -22,7 +22,9 @@ fi
 
 declared=$(grep -ohE 'VARN_EXPORT [^;(]*[ *]([A-Za-z_][A-Za-z0-9_]*) *(\(|\[|;)' include/varn.h |
   sed -E 's/.*[ *]([A-Za-z_][A-Za-z0-9_]*) *(\(|\[|;)$/\1/' | sort -u)
-exported=$(nm -D --defined-only "$build/libvarn.so" | awk '{print $3}' | sort -u)
+# C++ names (the one call declared with C++ linkage) are compared by their
+# function name: demangled, without the parameter list.
+exported=$(nm -D -C --defined-only "$build/libvarn.so" | awk '{print $3}' | sed 's/(.*//' | sort -u)
 if [ "$declared" != "$exported" ]; then
   echo "check-tree: exported symbols differ from include/varn.h (< declared, > exported):"
   diff <(echo "$declared") <(echo "$exported") || true
