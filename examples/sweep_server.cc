@@ -10,6 +10,10 @@
 //   corner HZ                           sets the corner frequency
 //   help                                DONE with the usage text
 //
+// A data block (BEGIN "points", one frequency in Hz a DATA, END) asks for
+// the response at those frequencies: the rows come back in a stream, then
+// DONE with the number of points.
+//
 // A malformed command is answered with ERROR and the reason. While a sweep
 // runs the server reports BUSY with "row K of N" to status queries.
 //
@@ -60,6 +64,15 @@ void Send(int h, int category, const std::string& text) {
   }
 }
 
+std::string Row(double f) {
+  double ratio = f / g_corner_hz;
+  double gain_db = -10.0 * std::log10(1.0 + ratio * ratio);
+  double phase_deg = -std::atan(ratio) * 180.0 / M_PI;
+  char line[160];
+  std::snprintf(line, sizeof line, "f=%.6g gain_db=%.4f phase_deg=%.3f", f, gain_db, phase_deg);
+  return line;
+}
+
 void Sweep(int h, const std::vector<std::string>& w) {
   double start, stop, count, delay = 0;
   if (w.size() < 4 || w.size() > 5 || !ParseNumber(w[1].c_str(), &start) ||
@@ -89,19 +102,46 @@ void Sweep(int h, const std::vector<std::string>& w) {
   }
   for (int i = 0; i < n; ++i) {
     double f = n == 1 ? start : start * std::pow(stop / start, static_cast<double>(i) / (n - 1));
-    double ratio = f / g_corner_hz;
-    double gain_db = -10.0 * std::log10(1.0 + ratio * ratio);
-    double phase_deg = -std::atan(ratio) * 180.0 / M_PI;
-    std::snprintf(line, sizeof line, "f=%.6g gain_db=%.4f phase_deg=%.3f", f, gain_db, phase_deg);
     char progress[64];
     std::snprintf(progress, sizeof progress, "row %d of %d", i + 1, n);
     varn_set_status(VARN_STATUS_BUSY, progress);
-    Send(h, VARN_DATA, line);
+    Send(h, VARN_DATA, Row(f));
     if (delay > 0) varn_sleep(0, static_cast<int>(delay));
   }
   std::snprintf(line, sizeof line, "%d rows", n);
   Send(h, VARN_END, line);
   Send(h, VARN_DONE, "ok");
+}
+
+// Reads a block of frequencies to its END and answers with their rows.
+void Points(int h, std::vector<char>& buffer) {
+  std::vector<double> points;
+  std::string bad;
+  for (;;) {
+    uint32_t category = 0;
+    uint32_t length = 0;
+    if (!varn_recv_data(h, &category, buffer.data(), static_cast<int64_t>(buffer.size()),
+                        &length)) {
+      Send(h, VARN_ERROR, std::string("points: ") + varn_get_error_message(varn_get_error_no()));
+      return;
+    }
+    if (category == VARN_END) break;
+    double f;
+    if (ParseNumber(buffer.data(), &f) && f > 0) {
+      points.push_back(f);
+    } else if (bad.empty()) {
+      bad = buffer.data();
+    }
+  }
+  if (!bad.empty() || points.empty()) {
+    Send(h, VARN_ERROR, bad.empty() ? "points: no frequencies" : "points: not a frequency: " + bad);
+    return;
+  }
+  std::string title = std::to_string(points.size()) + " points";
+  if (!varn_send_msg(h, VARN_BEGIN, title.c_str(), 0)) return;
+  for (double f : points) Send(h, VARN_DATA, Row(f));
+  Send(h, VARN_END, title);
+  Send(h, VARN_DONE, title);
 }
 
 void OnMessage(int h) {
@@ -110,6 +150,14 @@ void OnMessage(int h) {
   uint32_t category = 0;
   uint32_t length = 0;
   if (!varn_recv_msg_len(h, &category, buffer.data(), &length)) return;
+  if (category == VARN_BEGIN) {
+    if (std::strcmp(buffer.data(), "points") == 0) {
+      Points(h, buffer);
+    } else {
+      Send(h, VARN_ERROR, std::string("unknown block: ") + buffer.data() + "; blocks: points");
+    }
+    return;
+  }
   if (category != VARN_CMD) return;
   std::vector<std::string> w = Words(buffer.data());
   if (w.empty()) {

@@ -2,6 +2,7 @@
 
 #include "platform/files.h"
 #include "platform/io.h"
+#include "platform/system.h"
 
 namespace varn::host {
 
@@ -14,6 +15,11 @@ std::FILE* LornPath::OpenUnique(char* name_template, const char* mode) {
 int LORN::unlink_utf8(const LornString& path) {
   int error = 0;
   return platform::RemoveEntry(path.c_str(), &error) ? 0 : -1;
+}
+
+std::string LORN::getcwd_utf8() {
+  char buffer[4096];
+  return platform::CurrentDirectory(buffer, sizeof buffer) ? std::string(buffer) : std::string();
 }
 
 }  // namespace varn::host

@@ -4,6 +4,7 @@
 #define VARN_HOST_LORN_PATH_H_
 
 #include <cstdio>
+#include <string>
 
 namespace varn::host {
 
@@ -33,6 +34,8 @@ class LornString {
 namespace LORN {
 // Removes the file the path names; 0 on success, -1 on failure.
 int unlink_utf8(const LornString& path);
+// The current working directory; an empty text when it cannot be read.
+std::string getcwd_utf8();
 }  // namespace LORN
 
 }  // namespace varn::host

@@ -9,6 +9,9 @@ extern "C" {
 // strcmp that treats a null pointer as the empty text.
 int gsl_strcmp(const char* a, const char* b) noexcept;
 
+// Sleeps that many seconds; 0 or less returns at once.
+void gsl_sleep(int seconds) noexcept;
+
 }  // extern "C"
 
 #endif  // VARN_HOST_SUPPORT_H_

@@ -534,15 +534,118 @@ VARN_EXPORT int varn_dftool_invoke(void) VARN_NOEXCEPT;
 /* The instrument server ("dravoinstrio"). */
 VARN_EXPORT int varn_instrument_invoke(void) VARN_NOEXCEPT;
 
+/* ---- Script bindings: servers for Mirl scripts ------------------------ */
+
+/* Scripts of the environment's extension language, Mirl, and the host's
+   code work with servers: records of the program to run, how to start it,
+   where to reach it, whether a command to it is out, and a stack of
+   message handlers. A server is known by its index in the server table;
+   index 0 is the parent process. Failures that a script should see are
+   raised as Mirl errors of domain "MIRL", codes 350 to 359. All of these
+   run on the application's thread. */
+
+struct MIRLValue; /* a value of the Mirl runtime */
+
+/* Message kinds that handlers receive. */
+#define MIRLQUON_COMMAND 0
+#define MIRLQUON_DATA 1
+#define MIRLQUON_DATA_BEGIN 2
+#define MIRLQUON_DATA_CONTINUE 3
+#define MIRLQUON_DATA_END 4
+#define MIRLQUON_DONE 5
+#define MIRLQUON_ERROR 6
+#define MIRLQUON_DEATH 7
+
+/* A handler: (its data, server index, message kind, payload valid during
+   the call). */
+typedef void (*AquonHandlerFn)(void* data, int server, int kind, const char* payload);
+
+/* Sets up the library (varn_init), the message callback, the Mirl function
+   vocabulary, slot 0 and the start polls (a poll every poll_interval
+   seconds, for up to timeout seconds; 0 keeps 1 s and 300 polls), and
+   starts the help server. 1 on success; 1 at once when already done. */
+VARN_EXPORT int aquon_initialize(int poll_interval, int timeout, int* argc,
+                                 char** argv) VARN_NOEXCEPT;
+/* The same for a process whose library was set up by other code: no
+   varn_init, no callback, no help server. */
+VARN_EXPORT int aquon_coexist_initialize(int poll_interval, int timeout, int parent) VARN_NOEXCEPT;
+VARN_EXPORT void aquon_init_servers(int poll_interval, int timeout, int parent) VARN_NOEXCEPT;
+/* varn_init and the Mirl constants of the message kinds. */
+VARN_EXPORT int mirlquon_init(int* argc, char** argv, varnHandle* parent) VARN_NOEXCEPT;
+VARN_EXPORT int mirlquon_init_vocab(void) VARN_NOEXCEPT;
+
+/* The server table. */
+VARN_EXPORT int aquon_allocate_server(const char* name, const char* id, const char* host_variable,
+                                      const char* arguments, const char* argument_function,
+                                      int via_server, int non_velor, int keep_entry) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_find_server(const char* name, int via_server) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_decode_server(int type, struct MIRLValue* value) VARN_NOEXCEPT;
+/* Field 0 name, 1 id, 2 host variable, 3 arguments, 7 argument function
+   (texts); 4 handle, 5 via server, 6 non-Velor, 8 keep entry (ints). The
+   pointer lasts until the table grows or the field is written. */
+VARN_EXPORT void* aquon_get_server(int index, int field) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_register_server(const char* name, const char* id, int handle) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_clear_server(int index) VARN_NOEXCEPT;
+VARN_EXPORT void aquon_delete_server(int index, int kill) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_kill_server(int index) VARN_NOEXCEPT;
+VARN_EXPORT void aquon_shutdown_servers(void) VARN_NOEXCEPT;
+VARN_EXPORT void aquon_reset_servers(void) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_set_server_parms(int index, const char* arguments) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_set_default_server(int index) VARN_NOEXCEPT;
+/* Raises the library's last error as the script error 352. */
+VARN_EXPORT int aquon_set_varn_error(void) VARN_NOEXCEPT;
+
+/* Starting and connecting. */
+VARN_EXPORT int aquon_start_server(int index, int nonvelor_kind,
+                                   const char* directory) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_server_running(int index, const char* directory) VARN_NOEXCEPT;
+VARN_EXPORT const char* aquon_query_server_address(int index) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_connect_server(const char* address) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_server_connect_process(int index) VARN_NOEXCEPT;
+/* handles must have room for as many handles as the process entry table
+   has rows. */
+VARN_EXPORT int aquon_query_all_server_handles(int* handles, int* count) VARN_NOEXCEPT;
+
+/* Messages to servers. */
+VARN_EXPORT int aquon_command_server(const char* command, int index,
+                                     const char* directory) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_data_server(const char* text, int index, const char* directory) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_error_server(const char* text, int index,
+                                   const char* directory) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_start_data_block_server(const char* title, int index,
+                                              const char* directory) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_cont_data_block_server(const char* text) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_end_data_block_server(const char* text) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_interrupt_server(int index) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_set_data_done_args(int index, const char* text) VARN_NOEXCEPT;
+
+/* Handlers and messages from servers. */
+VARN_EXPORT int aquon_push_handler(int index, AquonHandlerFn function, void* data) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_pop_handler(int index, void** data) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_handles_this_message(int handle) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_handle_message(int handle, int category, const char* payload) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_execute_message(int handle, int kind, const char* payload) VARN_NOEXCEPT;
+
+/* Waits. A read asks for at most *length characters (and never gets more
+   than 5799); its buffer holds *length + 1 bytes. The buffer of
+   aquon_wait_for_done_msg holds 5800 bytes. */
+VARN_EXPORT int aquon_read_server_wait(int index, char* buffer, int* length,
+                                       int* kind) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_wait_for_done(int index) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_wait_for_done_msg(int index, char* buffer) VARN_NOEXCEPT;
+VARN_EXPORT int aquon_set_command_wait(int flag) VARN_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif
 
 #ifdef __cplusplus
+/* The two calls exported with C++ linkage. */
 /* Brings the status window to the front (on non-zero) or lets it stay where
-   it is (0); see varn_status_show_session. This call alone is exported
-   with C++ linkage. */
+   it is (0); see varn_status_show_session. */
 VARN_EXPORT int varn_status_map_to_front(int on) VARN_NOEXCEPT;
+/* Interrupts a server started here (text may be null). */
+VARN_EXPORT int aquon_interrupt_server_msg(int index, const char* text) VARN_NOEXCEPT;
 #endif
 
 #endif /* VARN_H_ */
