@@ -260,6 +260,9 @@ extern "C" int varn_deinit(void) noexcept {
   core::OnApplicationThread();
   auto& s = State();
   if (!s.initialised) return 1;
+  // A KILL (on the input thread) ends the process within a bound, even
+  // when the hub never acknowledges the exit notice.
+  varn::transport::BoundTheEnd(0);
   // In socket mode the last lines of error output go to the hub before the
   // exit notice does.
   varn::transport::StopErrorForwarding();

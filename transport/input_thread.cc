@@ -113,15 +113,17 @@ void StopErrorForwarding() {
   g_error_thread.Join(kErrorDrainMs);
 }
 
+void BoundTheEnd(int status) {
+  static std::atomic<bool> armed{false};
+  if (!OnInputThread() || armed.exchange(true)) return;
+  g_exit_status = status;
+  platform::StartThread(ExitWatchdog, nullptr);
+}
+
 void EndProcess(int status) {
-  if (OnInputThread()) {
-    // The process ends as on any exit, so that exit handlers run and what
-    // the application wrote to its files is flushed. The held application's
-    // thread may own a lock that one of them needs; the watchdog then ends
-    // the process without them.
-    g_exit_status = status;
-    platform::StartThread(ExitWatchdog, nullptr);
-  }
+  // The process ends as on any exit, so that exit handlers run and what the
+  // application wrote to its files is flushed.
+  BoundTheEnd(status);
   std::exit(status);
 }
 

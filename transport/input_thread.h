@@ -32,10 +32,16 @@ bool StartErrorForwarding() REQUIRES(core::kLibrary);
 // output and error go to the null device afterwards.
 void StopErrorForwarding() REQUIRES(core::kLibrary);
 
+// On the input thread (KILL), starts the watchdog that ends the process
+// with status 2 s from now, whatever the rest of the way out is waiting
+// for: an exit handler that needs a lock the held application's thread
+// owns, or a hub that never acknowledges the exit notice. Elsewhere, and a
+// second time, it does nothing.
+void BoundTheEnd(int status);
+
 // Ends the process with status through a normal exit (exit handlers run,
-// stdio streams are flushed). On the input thread (KILL), where the held
-// application's thread may own a lock an exit handler needs, a watchdog
-// ends the process without them if they have not finished within 2 s.
+// stdio streams are flushed), within the bound of BoundTheEnd on the input
+// thread.
 [[noreturn]] void EndProcess(int status);
 
 bool OnInputThread();

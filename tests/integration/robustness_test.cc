@@ -193,6 +193,17 @@ TEST_F(RobustnessTest, InterruptAndKillReachAProgramBlockedWritingToACongestedPe
   EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
+TEST_F(RobustnessTest, AKilledProgramEndsWhenItsExitNoticeIsNeverAcknowledged) {
+  StartPeer("spin");
+  EXPECT_EQ(hub_.Report(), "ready");
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  EXPECT_EQ(hub_.Report(), "callback KILL ");
+  Packet notice;
+  ASSERT_TRUE(hub_.ReadUntil("SRVR_ERR", &notice));
+  // No ACK: the program ends on its own a little later.
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
 TEST_F(RobustnessTest, KillFlushesWhatTheApplicationWroteToItsFiles) {
   std::string file = test_support::TestOutputDir("files") + "/flushed.txt";
   FakeHub::Options options;
