@@ -2,7 +2,8 @@
 # Checks the tree's own rules after a build:
 #   - the folders call one way (scripts/check-layers.sh);
 #   - only platform/ (and tests, benchmarks) call the operating system directly;
-#   - libvarn.so exports exactly the names that include/varn.h declares;
+#   - libvarn.so exports exactly the names that include/varn.h declares, and
+#     libplugin_manager.so exactly its two calls;
 #   - every source file is clang-formatted.
 # Usage: scripts/check-tree.sh BUILD_DIR
 set -euo pipefail
@@ -29,6 +30,14 @@ if [ "$declared" != "$exported" ]; then
   echo "check-tree: exported symbols differ from include/varn.h (< declared, > exported):"
   diff <(echo "$declared") <(echo "$exported") || true
   status=1
+fi
+
+# The plug-in manager exports its two calls and nothing else.
+manager=$(nm -D -C --defined-only "$build/host/plugin_manager/libplugin_manager.so" |
+  awk '{$1=""; $2=""; sub(/^  /, ""); print}' | sort)
+wanted=$'plugin_manager::GetInterface(char const*)\nplugin_manager::RegisterInterfaceDuringStartup(void*, char const*)'
+if [ "$manager" != "$wanted" ]; then
+  echo "check-tree: libplugin_manager.so exports:"; echo "$manager"; status=1
 fi
 
 if command -v clang-format >/dev/null; then
