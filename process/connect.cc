@@ -148,6 +148,19 @@ extern "C" int varn_connect_server(varnHandle* h, varnHandle owner, const char* 
     return 0;
   }
   std::string address = row.entry().last_data;
+  // One row a peer: what a process sends reaches the first row that has its
+  // address, so a second row for it would wait for ever. A server this
+  // process already reaches is handed back as it is.
+  int count = core::ActiveCount();
+  for (int i = 0; i < count; ++i) {
+    const VarnEntry& other = VarnMessage[i];
+    if (i != fresh && other.state != ENTRY_FREE && other.address != nullptr &&
+        address == other.address) {
+      row.set_state(RowState::kFree);
+      *h = i;
+      return 1;
+    }
+  }
   if (!row.OpenTo(address.c_str(), Fixed().own_address) ||
       !varn_util_strcpy(&row.entry().name, server)) {
     row.set_state(RowState::kFree);

@@ -413,6 +413,10 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     char text[VARN_STATUS_TEXT_SIZE];
     r = varn_query_status(server, &status, text);
     Report("status %d %u", r, status);
+    // A second connection to the same process is the same row.
+    varnHandle again = -1;
+    r = varn_connect_server(&again, helper, "sweep_server");
+    Report("again %d same=%d", r, again == server ? 1 : 0);
     varnHandle none = -1;
     r = varn_connect_server(&none, helper, "nothing_by_that_name");
     int err = VarnErrorNo;
