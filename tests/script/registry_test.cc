@@ -163,6 +163,26 @@ TEST_F(RegistryTest, TheParentHoldsSlotZeroAndIsNeverKilled) {
             "MIRL error 355: no server set\n");
 }
 
+TEST_F(RegistryTest, ABlockNeedsAServerThatIsNotBusyAndATitle) {
+  int s = aquon_allocate_server("blocky", "", "", "", "", -1, 0, 0);
+  Server(s).handle = 9;  // as if started; nothing is sent in these cases
+  Server(s).busy = 1;
+  EXPECT_EQ(aquon_start_data_block_server("title", s, ""), 0);
+  aerr_report();
+  Server(s).busy = 0;
+  EXPECT_EQ(aquon_start_data_block_server(nullptr, s, ""), 0);
+  aerr_report();
+  EXPECT_EQ(aquon_start_data_block_server("title", 55, ""), 0);
+  EXPECT_EQ(Reports(),
+            "MIRL error 356: server is busy: blocky\n"
+            "MIRL error 351: missing block title\n"
+            "MIRL error 355: no server set\n");
+  // Without a block under way, data and its end go nowhere, silently.
+  Script().aquon_block_handle = -1;
+  EXPECT_EQ(aquon_cont_data_block_server("piece"), 0);
+  EXPECT_EQ(aquon_end_data_block_server(nullptr), 0);
+}
+
 TEST_F(RegistryTest, ResetForgetsHandlesDownTheChainButKeepsKeptEntriesAndExternals) {
   int a = aquon_allocate_server("a", "", "", "", "", -1, 0, 0);
   int b = aquon_allocate_server("b", "", "", "", "", a, 0, 1);  // kept entry

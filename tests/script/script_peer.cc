@@ -15,6 +15,8 @@
 //               "loose", then DONE "talked cmd=ANSWER block=TEXT"
 //   stream      a stream BEGIN "rows", DATA r1, r2, END "2 rows", then DONE
 //               "streamed"
+//   start NAME  starts the program NAME, then DONE "started" (ERROR with the
+//               reason when it cannot); it is killed when this one ends
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +29,7 @@ namespace {
 
 std::string g_arguments;
 varnHandle g_parent = -1;
+std::vector<varnHandle> g_started;  // programs it started; they end with it
 
 void Send(int h, int category, const std::string& text) {
   varn_send_msg(h, category, text.c_str(), static_cast<int64_t>(text.size()));
@@ -57,8 +60,12 @@ void OnMessage(int h) {
   static std::vector<char> buffer(1 << 20);
   uint32_t category = 0, length = 0;
   if (!varn_recv_msg_len(h, &category, buffer.data(), &length)) return;
-  // The script that started it has ended: so does it.
-  if (category == VARN_SRVR_ERR && h == g_parent) std::exit(0);
+  // Killed, or the script that started it has ended: it ends, with what it
+  // started.
+  if (category == VARN_KILL || (category == VARN_SRVR_ERR && h == g_parent)) {
+    for (varnHandle started : g_started) varn_kill(started);
+    std::exit(0);
+  }
   if (category != VARN_CMD) return;
   std::string command = buffer.data();
   if (command == "ping") {
@@ -71,6 +78,15 @@ void OnMessage(int h) {
     std::_Exit(3);
   } else if (command == "talk") {
     Talk(h);
+  } else if (command.rfind("start ", 0) == 0) {
+    varnHandle started = -1;
+    static char refusal[VARN_STATUS_TEXT_SIZE];
+    if (varn_invoke(&started, command.substr(6).c_str(), nullptr, nullptr, 0, refusal, nullptr)) {
+      g_started.push_back(started);
+      Send(h, VARN_DONE, "started");
+    } else {
+      Send(h, VARN_ERROR, refusal);
+    }
   } else if (command == "stream") {
     Send(h, VARN_BEGIN, "rows");
     Send(h, VARN_DATA, "r1");

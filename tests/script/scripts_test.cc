@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -146,6 +147,43 @@ start_server(nameless)
   EXPECT_EQ(help_line.substr(5, half - 4), help_line.substr(half + 2)) << help_line;
   EXPECT_TRUE(Has(r.log, "MIRL error 353: no server name")) << r.log;
   EXPECT_FALSE(Has(r.log, "MIRL error 355")) << r.log;  // slot 0 says nothing
+}
+
+TEST(ScriptTest, AServerReachedThroughAnotherIsConnectedThroughItAndNeverStarted) {
+  ScriptRun run;
+  run.runner_options = {"-k"};
+  ScriptResult r = RunScript(R"(
+gate = create_server("varn_test_script_peer", "gate", "", "serve")
+print("gate", send_server_command("start sweep_server", gate, 1))
+inner = create_server("sweep_server", "", gate)
+print("inner", send_server_command("corner 500", inner, 1))
+print("inner info", query_server_info(inner))
+# A via server that is not running is started first. The hub names the
+# one sweep server there is, so both records reach the same process.
+other = create_server("varn_test_script_peer", "other", "", "serve", 0, "", true)
+same = create_server("sweep_server", "", other)
+print("same", send_server_command("corner 700", same, 1), query_server_info(same))
+print("other running", server_running(other))
+lost = create_server("no_such_server", "", other)
+send_server_command("help", lost, 1)
+)",
+                             run);
+  EXPECT_EQ(r.status, 1) << r.log;
+  EXPECT_TRUE(Has(r.out, "gate started\ninner corner set\ninner info [\"")) << r.out;
+  EXPECT_TRUE(Has(r.out, "\", \"sweep_server\"]\n")) << r.out;
+  std::size_t info = r.out.find("inner info ");
+  ASSERT_NE(info, std::string::npos) << r.out;
+  std::string inner_info = r.out.substr(info + 11, r.out.find('\n', info) - info - 11);
+  EXPECT_TRUE(Has(r.out, "same corner set " + inner_info + "\n")) << r.out;
+  EXPECT_TRUE(Has(r.out, "other running 1\n")) << r.out;
+  EXPECT_TRUE(Has(r.log, "MIRL error 352: varn error: 27, Specified server not found.")) << r.log;
+  // The gate started the sweep server; the script started none itself.
+  std::size_t started = r.log.find("started sweep_server[");
+  ASSERT_NE(started, std::string::npos) << r.log;
+  EXPECT_TRUE(
+      Has(r.log.substr(started, r.log.find('\n', started) - started), "for varn_test_script_peer["))
+      << r.log;
+  EXPECT_EQ(r.log.find("started sweep_server[", started + 1), std::string::npos) << r.log;
 }
 
 TEST(ScriptTest, AProgramThatNeverBecomesIdleFailsAfterItsPolls) {
@@ -304,6 +342,10 @@ send_server_kill(99)
 n = create_server("never_started", "", "")
 send_server_interrupt(n)
 clear_server(98)
+h = system("/bin/sleep 3")
+r = register_server("sleeper", "an id", h)
+print("registered", r, register_server("sleeper", "", h), register_server("bogus", "", 99))
+send_server_kill(r)
 create_server("x", "", [1])
 mirl_open_url("")
 print("end")
@@ -315,6 +357,7 @@ print("end")
       "MIRL error 356: server is busy: varn_test_script_peer",
       "MIRL error 355: no server set",
       "MIRL error 357: server not running: never_started",
+      "MIRL error 357: server not running: sleeper",
       "MIRL error 304: wrong parameter type: argument 2",
       "MIRL error 343: expecting non-null string: argument 0",
   };
@@ -325,6 +368,15 @@ print("end")
     if (found != std::string::npos) at = found;
   }
   EXPECT_TRUE(Has(r.out, "last bad input\n")) << r.out;
+  // A registered process keeps its record; an unknown handle gives none.
+  std::size_t at_registered = r.out.find("registered ");
+  ASSERT_NE(at_registered, std::string::npos) << r.out;
+  std::istringstream words(r.out.substr(at_registered + 11));
+  int first = 0, again = 0, bogus = 0;
+  words >> first >> again >> bogus;
+  EXPECT_GT(first, 0);
+  EXPECT_EQ(again, first);
+  EXPECT_EQ(bogus, -1);
   EXPECT_TRUE(Has(r.out, "waited pong\n")) << r.out;
   EXPECT_TRUE(Has(r.out, "end\n")) << r.out;
 }
