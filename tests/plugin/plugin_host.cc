@@ -1,5 +1,5 @@
-// The program a plug-in is loaded into: it loads the library (which
-// registers its interface objects while it loads), then the plug-in, and
+// The program a plug-in is loaded into: the library is loaded with it (and
+// registers its interface objects while it loads); it loads the plug-in and
 // runs it with its own command line. It calls nothing of the library
 // itself.
 //   varn_test_plugin_host PLUGIN REPORT FILE [-quon_... options]
@@ -12,10 +12,6 @@ using Run = int (*)(int* argc, char** argv, const char* file, std::FILE* report)
 int main(int argc, char** argv) {
   if (argc < 4) {
     std::fprintf(stderr, "usage: varn_test_plugin_host PLUGIN REPORT FILE\n");
-    return 2;
-  }
-  if (dlopen(VARN_LIBRARY_PATH, RTLD_NOW | RTLD_GLOBAL) == nullptr) {
-    std::fprintf(stderr, "%s\n", dlerror());
     return 2;
   }
   void* plugin = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
