@@ -114,23 +114,22 @@ void Sweep(int h, const std::vector<std::string>& w) {
 }
 
 // Reads a block of frequencies to its END and answers with their rows.
-void Points(int h, std::vector<char>& buffer) {
+void Points(int h, char* buffer, std::size_t size) {
   std::vector<double> points;
   std::string bad;
   for (;;) {
     uint32_t category = 0;
     uint32_t length = 0;
-    if (!varn_recv_data(h, &category, buffer.data(), static_cast<int64_t>(buffer.size()),
-                        &length)) {
+    if (!varn_recv_data(h, &category, buffer, static_cast<int64_t>(size), &length)) {
       Send(h, VARN_ERROR, std::string("points: ") + varn_get_error_message(varn_get_error_no()));
       return;
     }
     if (category == VARN_END) break;
     double f;
-    if (ParseNumber(buffer.data(), &f) && f > 0) {
+    if (ParseNumber(buffer, &f) && f > 0) {
       points.push_back(f);
     } else if (bad.empty()) {
-      bad = buffer.data();
+      bad = buffer;
     }
   }
   if (!bad.empty() || points.empty()) {
@@ -146,20 +145,23 @@ void Points(int h, std::vector<char>& buffer) {
 
 void OnMessage(int h) {
   if (h < 0) return;  // the hub itself
-  static std::vector<char> buffer(1 << 20);
+  // A plain array, not a lazily built one: an INTR or KILL runs this callback
+  // on the input thread while the application's thread is held, perhaps in
+  // the middle of a first-use initialisation it would then wait for.
+  static char buffer[1 << 20];
   uint32_t category = 0;
   uint32_t length = 0;
-  if (!varn_recv_msg_len(h, &category, buffer.data(), &length)) return;
+  if (!varn_recv_msg_len(h, &category, buffer, &length)) return;
   if (category == VARN_BEGIN) {
-    if (std::strcmp(buffer.data(), "points") == 0) {
-      Points(h, buffer);
+    if (std::strcmp(buffer, "points") == 0) {
+      Points(h, buffer, sizeof buffer);
     } else {
-      Send(h, VARN_ERROR, std::string("unknown block: ") + buffer.data() + "; blocks: points");
+      Send(h, VARN_ERROR, std::string("unknown block: ") + buffer + "; blocks: points");
     }
     return;
   }
   if (category != VARN_CMD) return;
-  std::vector<std::string> w = Words(buffer.data());
+  std::vector<std::string> w = Words(buffer);
   if (w.empty()) {
     Send(h, VARN_ERROR, std::string("empty command; ") + kUsage);
   } else if (w[0] == "sweep") {

@@ -9,7 +9,9 @@
  * Threads: every call is made from the application's thread (the one that
  * called varn_init). The callback runs on that thread, except for INTR and
  * KILL, whose callback runs on the library's input thread while the
- * application's thread is held still. Text returned from the tables points
+ * application's thread is held still: that callback must not wait for
+ * anything the held thread may own (a lock, a function-local static being
+ * built on first use). Text returned from the tables points
  * into library memory and stays valid until the row changes.
  */
 #ifndef VARN_H_

@@ -1,8 +1,10 @@
 #include "platform/system.h"
 
+#include <pthread.h>
 #include <sched.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -59,6 +61,48 @@ std::int64_t MonotonicMillis() {
 const char* GetEnv(const char* name) { return std::getenv(name); }
 
 void ExitImmediately(int status) { _exit(status); }
+
+namespace {
+
+int ExitDeadlineSignal() { return SIGRTMIN + 5; }
+timer_t g_exit_timer;
+std::atomic<bool> g_exit_timer_ready{false};
+std::atomic<bool> g_exit_timer_armed{false};
+volatile sig_atomic_t g_exit_deadline_status = 0;
+
+void OnExitDeadline(int) { _exit(g_exit_deadline_status); }
+
+}  // namespace
+
+bool PrepareExitDeadline() {
+  static std::atomic<bool> once{false};
+  if (once.exchange(true)) return g_exit_timer_ready.load();
+  struct sigaction sa {};
+  sa.sa_handler = OnExitDeadline;
+  sigemptyset(&sa.sa_mask);
+  if (sigaction(ExitDeadlineSignal(), &sa, nullptr) != 0) return false;
+  sigevent ev{};
+  ev.sigev_notify = SIGEV_SIGNAL;
+  ev.sigev_signo = ExitDeadlineSignal();
+  if (timer_create(CLOCK_MONOTONIC, &ev, &g_exit_timer) != 0) return false;
+  g_exit_timer_ready.store(true);
+  return true;
+}
+
+bool ArmExitDeadline(int ms, int status) {
+  if (!g_exit_timer_ready.load() || g_exit_timer_armed.exchange(true)) return false;
+  g_exit_deadline_status = status;
+  // The arming thread takes the signal even if the application blocked it
+  // before this thread was started.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, ExitDeadlineSignal());
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  itimerspec when{};
+  when.it_value.tv_sec = ms / 1000;
+  when.it_value.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+  return timer_settime(g_exit_timer, 0, &when, nullptr) == 0;
+}
 
 void DefaultBrokenPipeToIgnore() {
   struct sigaction old {};

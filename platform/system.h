@@ -42,6 +42,16 @@ const char* GetEnv(const char* name);
 // Used where normal exit could wait on a lock another thread holds.
 [[noreturn]] void ExitImmediately(int status);
 
+// An exit deadline. Once armed, the process ends with the armed status
+// when ms have passed, whatever its threads wait for: a timer signal whose
+// handler calls _exit. Prepared once, while nothing is held; arming is a
+// system call and allocates nothing, so it works while another thread is
+// stopped inside the allocator or holds a lock the exit path needs.
+bool PrepareExitDeadline();
+// False when the deadline was not prepared or is armed already. The
+// calling thread unblocks the signal so that it can be delivered.
+bool ArmExitDeadline(int ms, int status);
+
 // A write to a pipe whose reader is gone reports EPIPE instead of ending
 // the process: SIGPIPE is ignored unless the program installed a handler.
 void DefaultBrokenPipeToIgnore();

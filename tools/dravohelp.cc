@@ -285,11 +285,14 @@ void OnCommand(int h, std::string_view payload) {
 
 void OnMessage(int h) {
   if (h < 0) return;  // the hub
-  static std::vector<char> buffer(1 << 20);
+  // A plain array, not a lazily built one: an INTR or KILL runs this callback
+  // on the input thread while the application's thread is held, perhaps in
+  // the middle of a first-use initialisation it would then wait for.
+  static char buffer[1 << 20];
   uint32_t category = 0;
   uint32_t length = 0;
-  if (!varn_recv_msg_len(h, &category, buffer.data(), &length)) return;
-  std::string_view payload(buffer.data(), varn::tools::PayloadLength(buffer.data(), length));
+  if (!varn_recv_msg_len(h, &category, buffer, &length)) return;
+  std::string_view payload(buffer, varn::tools::PayloadLength(buffer, length));
   if (category == VARN_SRVR_ERR) {
     if (h == g_parent) {
       Log("the process that started it ended; ending too");

@@ -78,17 +78,20 @@ void OnCommand(int h, const std::string& command) {
 
 void OnMessage(int h) {
   if (h < 0) return;  // the hub
-  static std::vector<char> buffer(1 << 20);
+  // A plain array, not a lazily built one: an INTR or KILL runs this callback
+  // on the input thread while the application's thread is held, perhaps in
+  // the middle of a first-use initialisation it would then wait for.
+  static char buffer[1 << 20];
   uint32_t category = 0;
   uint32_t length = 0;
-  if (!varn_recv_msg_len(h, &category, buffer.data(), &length)) return;
+  if (!varn_recv_msg_len(h, &category, buffer, &length)) return;
   if (category == VARN_SRVR_ERR && h == g_parent) {
     std::printf("%s: the process that started it ended; ending too\n", kName);
     std::fflush(stdout);
     varn_deinit();
   }
   if (category != VARN_CMD) return;
-  OnCommand(h, std::string(buffer.data(), varn::tools::PayloadLength(buffer.data(), length)));
+  OnCommand(h, std::string(buffer, varn::tools::PayloadLength(buffer, length)));
   // The DONE has just reported the process idle; what "report" set holds.
   if (g_reported != VARN_STATUS_IDLE) {
     varn_set_status(static_cast<uint32_t>(g_reported), g_reported == VARN_STATUS_DEAD

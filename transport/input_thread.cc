@@ -72,13 +72,6 @@ void ErrorThreadMain(void*) {
   }
 }
 
-int g_exit_status = 0;
-
-void ExitWatchdog(void*) {
-  platform::SleepMilliseconds(kExitWatchdogMs);
-  platform::ExitImmediately(g_exit_status);
-}
-
 }  // namespace
 
 namespace varn::transport {
@@ -114,10 +107,8 @@ void StopErrorForwarding() {
 }
 
 void BoundTheEnd(int status) {
-  static std::atomic<bool> armed{false};
-  if (!OnInputThread() || armed.exchange(true)) return;
-  g_exit_status = status;
-  platform::StartThread(ExitWatchdog, nullptr);
+  if (!OnInputThread()) return;
+  platform::ArmExitDeadline(kExitWatchdogMs, status);
 }
 
 void EndProcess(int status) {
@@ -153,6 +144,9 @@ extern "C" int startQuoninThread2(void) noexcept {
     Diag("startQuoninThread2: DuplicateHandle() failed for INTR, aborting...\n");
     return 0;
   }
+  // The bound on an end from the input thread is prepared now: when it is
+  // needed, the application's thread may be held inside the allocator.
+  if (!platform::PrepareExitDeadline()) Diag("startQuoninThread2: no exit deadline timer\n");
   if (!platform::StartThread(InputThreadMain, nullptr)) {
     Diag("startQuoninThread2: CreateThread() failed, aborting...\n");
     return 0;

@@ -33,6 +33,10 @@ std::atomic<int> g_trace_counter{1};
 // (the error-forwarding thread, or a status answer) before it gives up.
 constexpr auto kInterruptWireWait = std::chrono::seconds(2);
 
+// Bytes of a private packet buffer reserved up front: a packet with a
+// status text and two addresses fits (need = body + 7 + status text).
+constexpr std::size_t kInterruptPacketReserve = 2 * VARN_STATUS_TEXT_SIZE + 1024;
+
 thread_local bool t_interrupt_context = false;
 thread_local bool t_interrupt_wire_busy = false;
 thread_local bool t_private_buffer = false;
@@ -145,7 +149,14 @@ void SetInterruptContext(bool on, bool wire_busy) {
   t_interrupt_wire_busy = on && wire_busy;
 }
 bool InInterruptContext() { return t_interrupt_context; }
-void UsePrivatePacketBuffer() { t_private_buffer = true; }
+void UsePrivatePacketBuffer() {
+  t_private_buffer = true;
+  // Sized at once for every packet an interrupt sends (acknowledgements,
+  // status answers, the exit notice with its text): those sends run while
+  // the application's thread is held, perhaps inside the allocator, and
+  // must not wait for its lock.
+  PrivateBuffer().resize(kInterruptPacketReserve);
+}
 
 SendLockUnlessExempt::SendLockUnlessExempt() : locked_(!t_interrupt_context && !t_wire_only) {
   if (locked_) g_send_lock.lock();

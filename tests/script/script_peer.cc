@@ -37,11 +37,11 @@ void Send(int h, int category, const std::string& text) {
 
 // The answer of the script to what we sent it: "DONE:text" or "ERROR:text".
 std::string AnswerOf(int h) {
-  static std::vector<char> buffer(1 << 20);
+  static char buffer[1 << 20];
   uint32_t category = 0, length = 0;
-  if (!varn_wait(h, &category, buffer.data(), &length, VARN_DONE, 0)) return "no answer";
+  if (!varn_wait(h, &category, buffer, &length, VARN_DONE, 0)) return "no answer";
   std::string word = category == VARN_DONE ? "DONE" : category == VARN_ERROR ? "ERROR" : "other";
-  return word + ":" + buffer.data();
+  return word + ":" + buffer;
 }
 
 void Talk(int h) {
@@ -57,9 +57,12 @@ void Talk(int h) {
 
 void OnMessage(int h) {
   if (h < 0) return;
-  static std::vector<char> buffer(1 << 20);
+  // A plain array, not a lazily built one: an INTR or KILL runs this callback
+  // on the input thread while the application's thread is held, perhaps in
+  // the middle of a first-use initialisation it would then wait for.
+  static char buffer[1 << 20];
   uint32_t category = 0, length = 0;
-  if (!varn_recv_msg_len(h, &category, buffer.data(), &length)) return;
+  if (!varn_recv_msg_len(h, &category, buffer, &length)) return;
   // Killed, or the script that started it has ended: it ends, with what it
   // started.
   if (category == VARN_KILL || (category == VARN_SRVR_ERR && h == g_parent)) {
@@ -67,7 +70,7 @@ void OnMessage(int h) {
     std::exit(0);
   }
   if (category != VARN_CMD) return;
-  std::string command = buffer.data();
+  std::string command = buffer;
   if (command == "ping") {
     Send(h, VARN_DONE, "pong");
   } else if (command.rfind("fail ", 0) == 0) {
