@@ -203,7 +203,25 @@ bool EventLoop::RunOnce(int timeout_ms) {
   }
   RunTimers();
   RunPosted();
+  // Queued again while running (a flush that met a full pipe and then
+  // more output) means the next round; the vectors keep their capacity.
+  round_end_running_.swap(round_end_);
+  for (std::size_t i = 0; i < round_end_running_.size(); ++i) {
+    if (round_end_running_[i] != nullptr) round_end_running_[i]->OnRoundEnd();
+  }
+  round_end_running_.clear();
   return true;
+}
+
+void EventLoop::AtRoundEnd(RoundEnd* r) { round_end_.push_back(r); }
+
+void EventLoop::CancelRoundEnd(RoundEnd* r) {
+  for (RoundEnd*& queued : round_end_) {
+    if (queued == r) queued = nullptr;
+  }
+  for (RoundEnd*& queued : round_end_running_) {
+    if (queued == r) queued = nullptr;
+  }
 }
 
 void IgnoreBrokenPipeSignal() { std::signal(SIGPIPE, SIG_IGN); }

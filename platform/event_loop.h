@@ -41,6 +41,17 @@ struct ChildStatus {
   int value = 0;          // exit code, or signal number
 };
 
+// Work that runs at the end of a round of the loop, after its callbacks,
+// timers and posted work: output gathered during the round leaves in one
+// write. An object queues itself at most once a round.
+class RoundEnd {
+ public:
+  virtual void OnRoundEnd() = 0;
+
+ protected:
+  ~RoundEnd() = default;
+};
+
 class EventLoop {
  public:
   using IoCallback = std::function<void(IoEvents)>;
@@ -70,6 +81,11 @@ class EventLoop {
 
   void Post(std::function<void()> work);
 
+  // Queues r for the end of the current round; the caller queues it once.
+  void AtRoundEnd(RoundEnd* r);
+  // Takes r off the queue (it is being destroyed).
+  void CancelRoundEnd(RoundEnd* r);
+
   // Waits up to timeout_ms (negative: until something happens) and runs
   // whatever became due. Returns false when waiting failed.
   bool RunOnce(int timeout_ms);
@@ -94,6 +110,8 @@ class EventLoop {
   std::map<TimerId, std::pair<std::int64_t, std::function<void()>>> timers_;
   TimerId next_timer_ = 1;
   std::vector<std::function<void()>> posted_;
+  std::vector<RoundEnd*> round_end_;
+  std::vector<RoundEnd*> round_end_running_;
 };
 
 // Makes writes to a closed pipe or socket fail with EPIPE instead of ending

@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 
 namespace varn::platform {
@@ -62,6 +65,23 @@ long SocketSend(int fd, const void* buf, std::size_t count) {
   }
 }
 
+long WriteGather(int fd, bool socket, const void* a, std::size_t a_size, const void* b,
+                 std::size_t b_size) {
+  iovec pieces[2] = {{const_cast<void*>(a), a_size}, {const_cast<void*>(b), b_size}};
+  for (;;) {
+    ssize_t n;
+    if (socket) {
+      msghdr message{};
+      message.msg_iov = pieces;
+      message.msg_iovlen = 2;
+      n = sendmsg(fd, &message, MSG_NOSIGNAL);
+    } else {
+      n = writev(fd, pieces, 2);
+    }
+    if (n >= 0 || errno != EINTR) return static_cast<long>(n);
+  }
+}
+
 long SocketReceive(int fd, void* buf, std::size_t count) {
   for (;;) {
     ssize_t n = recv(fd, buf, count, 0);
@@ -76,6 +96,35 @@ bool WaitReadable(int fd, int timeout_ms) {
     if (r > 0) return true;
     if (r == 0) return false;
     if (errno != EINTR) return true;  // let the read report the failure
+  }
+}
+
+Readable WaitReadableOrWake(int fd, int wake_fd, int timeout_ms) {
+  pollfd p[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
+  for (;;) {
+    int r = poll(p, wake_fd >= 0 ? 2 : 1, timeout_ms);
+    if (r == 0) return Readable::kTimeout;
+    if (r < 0 && errno == EINTR) continue;
+    // A failure of poll itself is left for the read to report.
+    if (r < 0 || p[0].revents != 0) return Readable::kData;
+    return Readable::kWake;
+  }
+}
+
+int CreateWakeFd() {
+  int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  return fd >= 0 ? fd : kInvalidFd;
+}
+
+void SignalWake(int wake_fd) {
+  std::uint64_t one = 1;
+  while (write(wake_fd, &one, sizeof one) < 0 && errno == EINTR) {
+  }
+}
+
+void DrainWake(int wake_fd) {
+  std::uint64_t count = 0;
+  while (read(wake_fd, &count, sizeof count) < 0 && errno == EINTR) {
   }
 }
 

@@ -39,9 +39,25 @@ long SocketSend(int fd, const void* buf, std::size_t count);
 // One receive on a socket. -1 on failure, 0 at end.
 long SocketReceive(int fd, void* buf, std::size_t count);
 
+// Writes a then b to fd in one system call where the descriptor takes
+// them (writev; on a socket without raising SIGPIPE). Bytes written, or -1.
+long WriteGather(int fd, bool socket, const void* a, std::size_t a_size, const void* b,
+                 std::size_t b_size);
+
 // Waits up to timeout_ms (negative: for ever) for fd to become readable.
 // True when readable (or at end of input / error, which a read then reports).
 bool WaitReadable(int fd, int timeout_ms);
+
+// Waits for fd to become readable or for wake_fd (a wake-up descriptor) to
+// be signalled, whichever comes first; for ever when timeout_ms < 0.
+enum class Readable { kData, kWake, kTimeout };
+Readable WaitReadableOrWake(int fd, int wake_fd, int timeout_ms);
+
+// A wake-up descriptor: one thread signals it, another waits for it with
+// WaitReadableOrWake and drains it. kInvalidFd when none can be made.
+int CreateWakeFd();
+void SignalWake(int wake_fd);
+void DrainWake(int wake_fd);
 
 void Close(int fd);
 bool Duplicate2(int from, int to);

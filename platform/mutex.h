@@ -80,6 +80,12 @@ class CondVar {
     cv_.wait(lock);
     lock.release();
   }
+  // Like Wait, for at most ms milliseconds (spurious returns included).
+  void WaitFor(Mutex* mutex, int ms) REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex->mutex_, std::adopt_lock);
+    cv_.wait_for(lock, std::chrono::milliseconds(ms));
+    lock.release();
+  }
   void Signal() { cv_.notify_one(); }
   void SignalAll() { cv_.notify_all(); }
 

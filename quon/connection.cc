@@ -33,7 +33,10 @@ Connection::Connection(platform::EventLoop& loop, int read_fd, int write_fd, std
       listener_(listener),
       limits_(limits) {}
 
-Connection::~Connection() { Close(); }
+Connection::~Connection() {
+  if (flush_queued_) loop_.CancelRoundEnd(this);
+  Close();
+}
 
 bool Connection::Start() {
   if (!platform::SetNonBlocking(read_fd_, true) || !platform::SetNonBlocking(write_fd_, true)) {
@@ -69,18 +72,36 @@ bool Connection::Start() {
 
 void Connection::Send(const char* data, std::size_t size) {
   if (closed_) return;
-  bool was_empty = output_.empty();
-  if (!output_.WriteOrAppend(write_fd_, data, size)) {
-    // Not reported from here: the caller is in the middle of another
-    // client's packet.
+  output_.Append(data, size);
+  if (output_.size() > limits_.high_water) congested_ = true;
+  // While the write interest is on, the loop writes when the client takes
+  // more; otherwise the end of the round does.
+  if (!flush_queued_ && !writing_) {
+    flush_queued_ = true;
+    loop_.AtRoundEnd(this);
+  }
+}
+
+void Connection::OnRoundEnd() {
+  flush_queued_ = false;
+  if (closed_ || output_.empty()) return;
+  if (output_.WriteTo(write_fd_) == OutputBuffer::Flush::kFailed) {
+    // Reported outside the loop's round: the listener may end this client.
     std::weak_ptr<int> alive = alive_;
     loop_.Post([this, alive] {
       if (!alive.expired() && !closed_) ReportClosed();
     });
     return;
   }
-  if (output_.size() > limits_.high_water) congested_ = true;
-  if (was_empty && !output_.empty()) UpdateInterest();
+  AfterFlush();
+}
+
+void Connection::AfterFlush() {
+  UpdateInterest();
+  if (congested_ && output_.size() <= limits_.low_water) {
+    congested_ = false;
+    listener_->OnDrained();
+  }
 }
 
 void Connection::Pause() {
@@ -137,11 +158,7 @@ void Connection::OnWritable() {
     ReportClosed();
     return;
   }
-  if (output_.empty()) UpdateInterest();
-  if (congested_ && output_.size() <= limits_.low_water) {
-    congested_ = false;
-    listener_->OnDrained();
-  }
+  AfterFlush();
 }
 
 bool Connection::ReadInput(std::size_t budget) {

@@ -37,7 +37,7 @@ struct QueueLimits {
   std::size_t low_water = 1u << 19;
 };
 
-class Connection {
+class Connection final : private platform::RoundEnd {
  public:
   class Listener {
    public:
@@ -62,7 +62,9 @@ class Connection {
 
   bool Start();
 
-  // Queues a whole packet. Ignored once the connection is closed.
+  // Queues a whole packet; what a round of the loop queued is written at
+  // its end, in one write where the client takes it. Ignored once the
+  // connection is closed.
   void Send(const char* data, std::size_t size);
   std::size_t queued() const { return output_.size(); }
   bool congested() const { return congested_; }
@@ -84,6 +86,9 @@ class Connection {
  private:
   void OnReadable();
   void OnWritable();
+  void OnRoundEnd() override;
+  // After output left: the write interest, and the end of congestion.
+  void AfterFlush();
   // Reads at most `budget` bytes; false at end of input or on failure.
   bool ReadInput(std::size_t budget);
   void HandleBuffered(bool ignore_pause);
@@ -106,6 +111,7 @@ class Connection {
   bool close_reported_ = false;
   bool reading_ = true;  // interest registered with the loop
   bool writing_ = false;
+  bool flush_queued_ = false;  // waits for the end of the round
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 

@@ -41,6 +41,10 @@ class Channel {
   // (VarnErrorNo 3 or 4) for a body that is not a message.
   virtual bool Split(char* body, std::size_t length, Message* message) REQUIRES(core::kLibrary) = 0;
 
+  // Whether the application's thread may read the input itself while it
+  // waits, taking the reading turn from the input thread (hand_over.h).
+  virtual bool ReadsByTurns() const { return false; }
+
   // Whether packets are written at all (debug mode writes lines instead).
   virtual bool WritesPackets() const { return true; }
   // Writes one whole built packet; 0 or an error number.

@@ -2,6 +2,9 @@
 
 #include <cstdlib>
 
+#include "platform/io.h"
+#include "platform/system.h"
+
 namespace varn::transport {
 
 HandOver::~HandOver() {
@@ -17,7 +20,9 @@ void HandOver::Append(PacketBody packet) {
 void HandOver::Push(PacketBody packet) {
   {
     platform::MutexLock lock(&mutex_);
-    while (bytes_ > 0 && bytes_ + packet.length > capacity_) {
+    // A full hand-over still takes the packet when the application's thread
+    // asks for the turn: it takes what was handed over first.
+    while (bytes_ > 0 && bytes_ + packet.length > capacity_ && !app_asks_) {
       producer_waits_ = true;
       room_.Wait(&mutex_);
     }
@@ -40,6 +45,7 @@ void HandOver::Close() {
     closed_ = true;
   }
   ready_.SignalAll();
+  input_turn_.SignalAll();
 }
 
 bool HandOver::Take(PacketBody* packet) {
@@ -55,6 +61,103 @@ bool HandOver::Take(PacketBody* packet) {
     producer_waits_ = false;
   }
   if (wake_producer) room_.Signal();
+  return true;
+}
+
+void HandOver::EnableTurns(int wake_fd) {
+  platform::MutexLock lock(&mutex_);
+  wake_fd_ = wake_fd;
+}
+
+HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)()) {
+  bool wake_producer = false;
+  Next next;
+  {
+    platform::MutexLock lock(&mutex_);
+    bool before_wait_ran = before_wait == nullptr;
+    for (;;) {
+      if (!packets_.empty()) {
+        *packet = packets_.front();
+        packets_.pop_front();
+        bytes_ -= packet->length;
+        wake_producer = producer_waits_;
+        producer_waits_ = false;
+        // Served without the turn: the request, if any, is withdrawn.
+        app_asks_ = false;
+        next = Next::kPacket;
+        break;
+      }
+      if (closed_) {
+        next = Next::kClosed;
+        break;
+      }
+      if (app_has_turn_) {
+        if (!app_reading_) app_since_ms_ = platform::MonotonicMillis();
+        app_reading_ = true;
+        app_asks_ = false;
+        next = Next::kRead;
+        break;
+      }
+      if (!before_wait_ran) {
+        before_wait_ran = true;
+        mutex_.Unlock();
+        before_wait();
+        mutex_.Lock();
+        continue;
+      }
+      if (wake_fd_ >= 0 && !app_asks_) {
+        // The input thread's read wakes up; a Push waiting for room goes on.
+        app_asks_ = true;
+        platform::SignalWake(wake_fd_);
+        room_.Signal();
+      }
+      ready_.Wait(&mutex_);
+    }
+  }
+  if (wake_producer) room_.Signal();
+  return next;
+}
+
+void HandOver::DoneReading() {
+  platform::MutexLock lock(&mutex_);
+  if (!app_reading_) return;
+  app_reading_ = false;
+  app_since_ms_ = platform::MonotonicMillis();
+  if (input_waits_idle_) input_turn_.Signal();
+}
+
+bool HandOver::AwaitTurn() {
+  platform::MutexLock lock(&mutex_);
+  for (;;) {
+    if (closed_) return false;
+    if (!app_has_turn_) return true;
+    std::int64_t held = platform::MonotonicMillis() - app_since_ms_;
+    if (!app_reading_ && held >= kReclaimMs) {
+      app_has_turn_ = false;
+      return true;
+    }
+    if (app_reading_ && held >= kIdleMs) {
+      // A long wait of the application's thread: its end wakes this one.
+      input_waits_idle_ = true;
+      input_turn_.Wait(&mutex_);
+      input_waits_idle_ = false;
+    } else {
+      input_turn_.WaitFor(&mutex_, app_reading_ ? kIdleMs : kReclaimMs);
+    }
+  }
+}
+
+bool HandOver::YieldIfAsked() {
+  {
+    platform::MutexLock lock(&mutex_);
+    if (!app_asks_) return false;
+    app_asks_ = false;
+    app_has_turn_ = true;
+    // The asker is inside its take: the turn counts as in use from now.
+    app_reading_ = true;
+    app_since_ms_ = platform::MonotonicMillis();
+  }
+  ready_.Signal();
   return true;
 }
 

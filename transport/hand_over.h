@@ -7,6 +7,16 @@
 // already read, without copying it through the kernel twice, and keeps
 // packets whole and in order by construction.
 //
+// It also decides who reads the channel: the reading turn. The input thread
+// holds it while the application's thread is busy in its own code, so that
+// interrupts and status queries are answered then. When the application's
+// thread waits for a message and nothing was handed over, it takes the turn
+// and reads the channel itself, which saves a thread wake-up per message;
+// it keeps the turn after its wait, and the input thread takes it back once
+// the application has not read for kReclaimMs. A turn that the input
+// thread holds is asked for through a wake-up descriptor that its read
+// waits on beside the channel.
+//
 // It is bounded: while it holds more than `capacity` bytes of bodies, Push
 // waits for the consumer. The input thread then stops reading the hub's
 // channel, so a peer that floods a process which does not read is held back
@@ -16,6 +26,7 @@
 #define VARN_TRANSPORT_HAND_OVER_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 
 #include "platform/mutex.h"
@@ -48,6 +59,35 @@ class HandOver {
   // Consumer: blocks until a packet is there. False when closed and drained.
   bool Take(PacketBody* packet) EXCLUDES(mutex_);
 
+  // ---- The reading turn (only after EnableTurns) ----
+  // How long the application's thread keeps the turn after it stopped
+  // reading, and after how long of reading the input thread stops looking.
+  static constexpr int kReclaimMs = 2;
+  static constexpr int kIdleMs = 50;
+
+  // Makes the application's waits take the turn; wake_fd is the wake-up
+  // descriptor the input thread's read waits on. Before the input thread
+  // starts.
+  void EnableTurns(int wake_fd) EXCLUDES(mutex_);
+  int wake_fd() const { return wake_fd_; }
+
+  // Consumer: a handed-over packet when there is one (kPacket); otherwise
+  // the turn (kRead: the caller reads the channel, then calls DoneReading),
+  // waiting for the input thread to yield it; kClosed when the input ended
+  // and everything was taken.
+  enum class Next { kPacket, kRead, kClosed };
+  // before_wait (may be null) runs, without the lock, before it blocks.
+  Next TakeOrRead(PacketBody* packet, void (*before_wait)()) EXCLUDES(mutex_);
+  // Consumer: stopped reading; keeps the turn for now.
+  void DoneReading() EXCLUDES(mutex_);
+
+  // Producer: blocks until the input thread holds the turn. False once the
+  // hand-over is closed (the application's thread met the channel's end).
+  bool AwaitTurn() EXCLUDES(mutex_);
+  // Producer: gives the turn to the application's thread if it asked for
+  // it; true when it did.
+  bool YieldIfAsked() EXCLUDES(mutex_);
+
  private:
   void Append(PacketBody packet) REQUIRES(mutex_);
 
@@ -59,6 +99,14 @@ class HandOver {
   std::size_t bytes_ GUARDED_BY(mutex_) = 0;  // body bytes in packets_
   bool producer_waits_ GUARDED_BY(mutex_) = false;
   bool closed_ GUARDED_BY(mutex_) = false;
+
+  int wake_fd_ = -1;              // set before the input thread starts; -1: no turns
+  platform::CondVar input_turn_;  // the turn may have come back to the input thread
+  bool app_has_turn_ GUARDED_BY(mutex_) = false;
+  bool app_reading_ GUARDED_BY(mutex_) = false;       // the holder is inside a take
+  bool app_asks_ GUARDED_BY(mutex_) = false;          // waits for the input thread to yield
+  bool input_waits_idle_ GUARDED_BY(mutex_) = false;  // without a deadline
+  std::int64_t app_since_ms_ GUARDED_BY(mutex_) = 0;  // when it began or stopped reading
 };
 
 }  // namespace varn::transport

@@ -18,6 +18,7 @@
 #include "transport/channel.h"
 #include "transport/input_thread.h"
 #include "transport/output.h"
+#include "transport/packet_reader.h"
 #include "transport/wire_format.h"
 #include "transport/wire_requests.h"
 #include "varn.h"
@@ -49,20 +50,6 @@ class SCOPED_CAPABILITY HeldApplication {
   platform::ThreadHold::Result result_;
 };
 
-// Reads exactly count bytes from the channel. False when it ended first.
-bool ReadChannel(void* buf, std::size_t count) {
-  std::size_t got = 0;
-  while (got < count) {
-    std::size_t n = 0;
-    if (!read_file_win(Fixed().quonin_fd, static_cast<char*>(buf) + got, count - got, &n) ||
-        n == 0) {
-      return false;
-    }
-    got += n;
-  }
-  return true;
-}
-
 // The hub's loss as a packet from the hub: what the application's thread
 // takes once the channel has ended.
 PacketBody HubLossPacket() {
@@ -81,48 +68,6 @@ PacketBody HubLossPacket() {
   packet[p.length] = '\0';
   p.data = packet;
   return p;
-}
-
-// Reads one whole packet from the channel. A packet that cannot be
-// allocated is read and discarded.
-enum class ReadResult { kPacket, kSkipped, kEnd };
-ReadResult ReadPacket(PacketBody* packet, bool input_thread) {
-  char digits[wire::kLengthDigits + 1] = {};
-  if (Fixed().trace && input_thread) {
-    Diag("@@@ Thread=%u ReadFile(1)...\n", platform::CurrentThreadId());
-  }
-  if (!ReadChannel(digits, wire::kLengthDigits)) return ReadResult::kEnd;
-  std::size_t length = 0;
-  if (wire::ParseLength(digits, &length) != wire::WireError::kOk) {
-    // A length field that is not six digits means the stream is out of
-    // step; nothing after it can be trusted, so it is treated as the end.
-    Diag("@@@ Thread=%u varnP_thread: bad length field \"%s\", channel closed\n",
-         platform::CurrentThreadId(), digits);
-    return ReadResult::kEnd;
-  }
-  char* body = static_cast<char*>(std::malloc(length + 1));
-  if (body == nullptr) {
-    Diag("@@@ Thread=%u varnP_thread(2): malloc failed %d byte buffer\n",
-         platform::CurrentThreadId(), static_cast<int>(length));
-    char sink[4096];
-    while (length > 0) {
-      std::size_t piece = length < sizeof sink ? length : sizeof sink;
-      if (!ReadChannel(sink, piece)) return ReadResult::kEnd;
-      length -= piece;
-    }
-    return ReadResult::kSkipped;
-  }
-  if (Fixed().trace && input_thread) {
-    Diag("@@@ Thread=%u ReadFile(2)...\n", platform::CurrentThreadId());
-  }
-  if (!ReadChannel(body, length)) {
-    std::free(body);
-    return ReadResult::kEnd;
-  }
-  body[length] = '\0';
-  packet->data = body;
-  packet->length = length;
-  return ReadResult::kPacket;
 }
 
 // Answers STATUS? from the status the application's thread last set,
@@ -145,6 +90,34 @@ void ReportInterruptFailure() {
   }
 }
 
+// Carries out an INTR or KILL on the calling thread, which has the
+// library's state at its disposal: the input thread holding the
+// application's thread, or the application's thread itself, met inside its
+// wait. wire_busy: the held thread may own the wire lock.
+void RunInterrupt(PacketBody packet, int category, bool wire_busy) REQUIRES(core::kLibrary) {
+  if (Fixed().trace) {
+    Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
+  }
+  // The application may be in the middle of a call that looks at
+  // VarnErrorNo; an INTR leaves it as it was.
+  int saved_error = VarnErrorNo;
+  bool was_interrupt = InInterruptContext();
+  SetInterruptContext(true, wire_busy);
+  char *destination, *source, *payload;
+  int parsed_category = 0;
+  std::size_t payload_length = 0;
+  if (!varn_recv_parse_message(packet.data, packet.length, &destination, &source, &parsed_category,
+                               &payload, &payload_length)) {
+    ReportInterruptFailure();
+  } else if (!varn_parse_message(source, destination, payload, parsed_category, payload_length)) {
+    ReportInterruptFailure();
+  }
+  SetInterruptContext(was_interrupt);
+  std::free(packet.data);
+  if (category == VARN_KILL) EndProcess(0);
+  if (VarnErrorNo != VARN_E_DAEMON_GONE) VarnErrorNo = saved_error;
+}
+
 void HandleInterrupt(PacketBody packet, int category) {
   HeldApplication held;
   if (held.result() == platform::ThreadHold::Result::kFailed) {
@@ -160,34 +133,56 @@ void HandleInterrupt(PacketBody packet, int category) {
     std::free(packet.data);
     EndProcess(0);
   }
-  if (Fixed().trace) {
-    Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
-  }
-  // The held thread may be in the middle of a call that looks at
-  // VarnErrorNo; an INTR leaves it as it was.
-  int saved_error = VarnErrorNo;
   // Parked inside a deferred section, the held thread may own the wire
   // lock in the middle of a packet: nothing can be written until it goes on.
-  SetInterruptContext(true, held.result() == platform::ThreadHold::Result::kHeldInSection);
-  char *destination, *source, *payload;
-  int parsed_category = 0;
-  std::size_t payload_length = 0;
-  if (!varn_recv_parse_message(packet.data, packet.length, &destination, &source, &parsed_category,
-                               &payload, &payload_length)) {
-    ReportInterruptFailure();
-  } else if (!varn_parse_message(source, destination, payload, parsed_category, payload_length)) {
-    ReportInterruptFailure();
-  }
-  SetInterruptContext(false);
-  std::free(packet.data);
-  if (category == VARN_KILL) EndProcess(0);
-  if (VarnErrorNo != VARN_E_DAEMON_GONE) VarnErrorNo = saved_error;
+  RunInterrupt(packet, category, held.result() == platform::ThreadHold::Result::kHeldInSection);
 }
 
+// What a packet read from the channel is for.
+enum class Kind { kInterrupt, kStatusQuery, kPing, kMessage, kBad };
+Kind KindOf(const PacketBody& packet, wire::Header* header, int* category) {
+  if (wire::SplitBody(packet.data, packet.length, header) != wire::WireError::kOk) {
+    Diag("@@@ Thread=%u varnP_thread(2): bad packet received : length=%06d buffer=%s\n",
+         platform::CurrentThreadId(), static_cast<int>(packet.length), packet.data);
+    return Kind::kBad;
+  }
+  *category = VARN_NONE;
+  wire::CategoryFromWord(header->word, category);
+  if (*category == VARN_KILL || *category == VARN_INTR) return Kind::kInterrupt;
+  if (*category == VARN_STATUS_Q) return Kind::kStatusQuery;
+  if (*category == VARN_PING) return Kind::kPing;
+  return Kind::kMessage;
+}
+
+// Handles a status query or a ping on the thread that read it. True when
+// the packet was one (and is freed).
+bool AnsweredOnArrival(Kind kind, PacketBody packet, const wire::Header& header) {
+  if (kind != Kind::kStatusQuery && kind != Kind::kPing) return false;
+  if (Fixed().trace) {
+    Diag("@@@ Thread=%u <<< quonin <--- [%06zu%s]\n", platform::CurrentThreadId(), packet.length,
+         packet.data);
+  }
+  // A status query is answered here so that a process busy in its own code
+  // (a server computing a long answer) still reports BUSY and its text.
+  if (kind == Kind::kStatusQuery) AnswerStatusQuery(header);
+  std::free(packet.data);
+  return true;
+}
+
+// The input thread's loop: while it holds the reading turn it reads the
+// channel, and gives the turn to the application's thread when that asks.
 void PacketLoop() {
   for (;;) {
+    if (!AwaitInputTurn()) return;  // the application's thread met the end
+    // Acknowledgements the application's thread corked before it got busy.
+    FlushCorked();
+    if (Fixed().trace) Diag("@@@ Thread=%u ReadFile(1)...\n", platform::CurrentThreadId());
     PacketBody packet;
-    ReadResult r = ReadPacket(&packet, true);
+    ReadResult r = ReadHubPacket(&packet, InputTurnWakeFd());
+    if (r == ReadResult::kWake) {
+      YieldInputTurnIfAsked();
+      continue;
+    }
     if (r == ReadResult::kEnd) {
       HandToApplicationLast(HubLossPacket());
       CloseHandOver();
@@ -196,9 +191,9 @@ void PacketLoop() {
     if (r == ReadResult::kSkipped) continue;
     int count = NextInputCount();
     wire::Header header;
-    if (wire::SplitBody(packet.data, packet.length, &header) != wire::WireError::kOk) {
-      Diag("@@@ Thread=%u varnP_thread(2): bad packet received : length=%06d buffer=%s\n",
-           platform::CurrentThreadId(), static_cast<int>(packet.length), packet.data);
+    int category = VARN_NONE;
+    Kind kind = KindOf(packet, &header, &category);
+    if (kind == Kind::kBad) {
       std::free(packet.data);
       continue;
     }
@@ -206,25 +201,9 @@ void PacketLoop() {
       Diag("@@@ Thread=%u + inComing[%d]=%06zu%s\n", platform::CurrentThreadId(), count,
            packet.length, packet.data);
     }
-    int category = VARN_NONE;
-    wire::CategoryFromWord(header.word, &category);
-    if (category == VARN_KILL || category == VARN_INTR) {
+    if (kind == Kind::kInterrupt) {
       HandleInterrupt(packet, category);
-    } else if (category == VARN_STATUS_Q) {
-      // Answered here so that a process busy in its own code (a server
-      // computing a long answer) still reports BUSY and its progress text.
-      if (Fixed().trace) {
-        Diag("@@@ Thread=%u <<< quonin <--- [%s]\n", platform::CurrentThreadId(), packet.data);
-      }
-      AnswerStatusQuery(header);
-      std::free(packet.data);
-    } else if (category == VARN_PING) {
-      if (Fixed().trace) {
-        Diag("@@@ Thread=%u <<< quonin <--- [%06zu%s]\n", platform::CurrentThreadId(),
-             packet.length, packet.data);
-      }
-      std::free(packet.data);
-    } else {
+    } else if (!AnsweredOnArrival(kind, packet, header)) {
       if (Fixed().trace) {
         Diag("@@@ Thread=%u + WriteFile[%d]=%06zu%s\n", platform::CurrentThreadId(), count,
              packet.length, packet.data);
@@ -234,9 +213,56 @@ void PacketLoop() {
   }
 }
 
+// The application's thread holds the turn: the next packet meant for it,
+// handling interrupts, status queries and pings on the way as the input
+// thread would. False at the channel's end.
+bool ReadForApplication(PacketBody* p) REQUIRES(core::kLibrary) {
+  for (;;) {
+    // Nothing leaves later than the moment this thread starts to wait.
+    if (!HubPacketBuffered()) FlushCorked();
+    ReadResult r = ReadHubPacket(p, -1);
+    if (r == ReadResult::kSkipped) continue;
+    if (r == ReadResult::kEnd) return false;
+    NextInputCount();
+    wire::Header header;
+    int category = VARN_NONE;
+    Kind kind = KindOf(*p, &header, &category);
+    if (kind == Kind::kBad) {
+      std::free(p->data);
+    } else if (kind == Kind::kInterrupt) {
+      // The application's thread is inside the library: as good as held.
+      RunInterrupt(*p, category, false);
+    } else if (!AnsweredOnArrival(kind, *p, header)) {
+      return true;
+    }
+    *p = PacketBody{};
+  }
+}
+
+// The next packet for the application's thread: handed over, or read by
+// the application's thread itself when it has the turn.
+void TakeNext(PacketBody* p) REQUIRES(core::kLibrary) {
+  AllowCorking(false);
+  HandOver::Next next = TakeHandedOverOrRead(p, FlushCorked);
+  if (next == HandOver::Next::kPacket) return;
+  if (next == HandOver::Next::kClosed) {
+    *p = HubLossPacket();
+    return;
+  }
+  if (ReadForApplication(p)) {
+    AllowCorking(true);
+  } else {
+    // The end of the channel: no one reads it again.
+    CloseHandOver();
+    *p = HubLossPacket();
+  }
+  DoneReadingChannel();
+}
+
 class HubChannel final : public Channel {
  public:
   void RunInput() override { PacketLoop(); }
+  bool ReadsByTurns() const override { return true; }
 
   bool TakeBody(char** body, std::size_t* length) override REQUIRES(core::kLibrary) {
     bool trace = Fixed().trace;
@@ -244,14 +270,14 @@ class HubChannel final : public Channel {
     PacketBody p;
     if (InInterruptContext()) {
       // While an interrupt is handled the packet source is the channel
-      // itself: the input thread, which would hand packets over, is busy.
+      // itself: the thread handling it holds the reading turn.
       ReadResult r;
       do {
-        r = ReadPacket(&p, false);
+        r = ReadHubPacket(&p, -1);
       } while (r == ReadResult::kSkipped);
       if (r == ReadResult::kEnd) p = HubLossPacket();
-    } else if (!TakeHandedOver(&p)) {
-      p = HubLossPacket();
+    } else {
+      TakeNext(&p);
     }
     if (p.data == nullptr) {
       VarnErrorNo = VARN_E_MALLOC;

@@ -129,6 +129,14 @@ void HandToApplicationLast(PacketBody body) { g_hand_over->PushLast(body); }
 
 void CloseHandOver() { g_hand_over->Close(); }
 
+HandOver::Next TakeHandedOverOrRead(PacketBody* body, void (*before_wait)()) {
+  return g_hand_over->TakeOrRead(body, before_wait);
+}
+void DoneReadingChannel() { g_hand_over->DoneReading(); }
+bool AwaitInputTurn() { return g_hand_over->AwaitTurn(); }
+bool YieldInputTurnIfAsked() { return g_hand_over->YieldIfAsked(); }
+int InputTurnWakeFd() { return g_hand_over->wake_fd(); }
+
 bool TakeHandedOver(PacketBody* body) { return g_hand_over != nullptr && g_hand_over->Take(body); }
 
 int NextInputCount() { return g_input_count.fetch_add(1); }
@@ -139,7 +147,14 @@ int NextTakenCount() { return g_taken_count++; }
 extern "C" int startQuoninThread2(void) noexcept {
   varn::core::OnApplicationThread();
   if (g_input_started) return 1;
-  if (g_hand_over == nullptr) g_hand_over = new transport::HandOver();
+  if (g_hand_over == nullptr) {
+    g_hand_over = new transport::HandOver();
+    // Without a wake-up descriptor the input thread reads alone, as the
+    // debug channel always does.
+    int wake_fd = platform::kInvalidFd;
+    if (transport::ActiveChannel().ReadsByTurns()) wake_fd = platform::CreateWakeFd();
+    g_hand_over->EnableTurns(wake_fd);
+  }
   if (!platform::ThreadHold::SetTargetToCurrentThread()) {
     Diag("startQuoninThread2: DuplicateHandle() failed for INTR, aborting...\n");
     return 0;

@@ -2,7 +2,8 @@
 //
 // The input thread runs the active channel's reading loop
 // (Channel::RunInput) and hands what it reads to the application's thread
-// through one HandOver. In socket mode the error-forwarding thread sends
+// through one HandOver, or, where the channel reads by turns, lets the
+// waiting application's thread read for itself. In socket mode the error-forwarding thread sends
 // every line the process writes to its error stream to the hub as STDERR.
 //
 // Thread ownership:
@@ -32,7 +33,7 @@ bool StartErrorForwarding() REQUIRES(core::kLibrary);
 // output and error go to the null device afterwards.
 void StopErrorForwarding() REQUIRES(core::kLibrary);
 
-// On the input thread (KILL), starts the watchdog that ends the process
+// On the input thread (KILL), arms the exit deadline that ends the process
 // with status 2 s from now, whatever the rest of the way out is waiting
 // for: an exit handler that needs a lock the held application's thread
 // owns, or a hub that never acknowledges the exit notice. Elsewhere, and a
@@ -53,6 +54,17 @@ void CloseHandOver();
 // The application's side: the next body; false once the input has ended
 // and everything was taken.
 bool TakeHandedOver(PacketBody* body) REQUIRES(core::kLibrary);
+
+// The reading turn (hand_over.h), where the channel reads by turns. The
+// application's side: a handed-over body, or the turn to read the channel.
+// before_wait runs (without the hand-over's lock) before the thread waits.
+HandOver::Next TakeHandedOverOrRead(PacketBody* body, void (*before_wait)())
+    REQUIRES(core::kLibrary);
+void DoneReadingChannel() REQUIRES(core::kLibrary);
+// The input thread's side, and the wake-up descriptor its read waits on.
+bool AwaitInputTurn();
+bool YieldInputTurnIfAsked();
+int InputTurnWakeFd();
 
 // Counters of the trace lines: messages read by the input thread, and
 // taken by the application's thread.

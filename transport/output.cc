@@ -82,6 +82,62 @@ bool LockWire() TRY_ACQUIRE(true, g_wire_lock) {
   return g_wire_lock.TryLockFor(kInterruptWireWait);
 }
 
+// Acknowledgements that wait to leave with the next packet written, or
+// until their writer next waits for input (see SendAcknowledgement).
+constexpr std::size_t kCorkCapacity = 1024;
+char g_corked[kCorkCapacity] GUARDED_BY(g_wire_lock);
+std::size_t g_corked_size GUARDED_BY(g_wire_lock) = 0;
+std::atomic<bool> g_corked_pending{false};  // g_corked_size > 0, readable without the lock
+
+// Whether the application's thread may cork its acknowledgements now.
+thread_local bool t_cork_allowed = false;
+
+// Writes the corked acknowledgements, then size bytes of buffer (none when
+// null), to the hub: together in one system call when there are both.
+// 0 or the error number; the corked bytes are gone either way.
+int WriteWithCorked(const char* buffer, std::size_t size) REQUIRES(g_wire_lock) {
+  const char* first = g_corked;
+  std::size_t first_left = g_corked_size;
+  const char* second = buffer;
+  std::size_t second_left = buffer != nullptr ? size : 0;
+  g_corked_size = 0;
+  g_corked_pending.store(false, std::memory_order_relaxed);
+  if (first_left == 0) {
+    first = second;
+    first_left = second_left;
+    second_left = 0;
+  }
+  bool socket = VarnChanType == VARN_CHAN_SOCKET;
+  int fd = socket ? Fixed().socket_fd : Fixed().quonout_fd;
+  while (first_left > 0) {
+    std::size_t written = 0;
+    bool ok;
+    if (second_left > 0) {
+      long n = platform::WriteGather(fd, socket, first, first_left, second, second_left);
+      ok = n >= 0;
+      written = ok ? static_cast<std::size_t>(n) : 0;
+    } else {
+      ok = write_file_win(Fixed().quonout_fd, first, first_left, &written);
+    }
+    if (!ok && written == 0) {
+      int e = platform::LastError();
+      if (e == EINTR || e == EAGAIN) continue;  // nothing lost: try the rest again
+      return VARN_E_PIPE_WRITE;
+    }
+    // Moves past what was written, into the second piece if need be.
+    if (written >= first_left) {
+      written -= first_left;
+      first = second + written;
+      first_left = second_left - written;
+      second_left = 0;
+    } else {
+      first += written;
+      first_left -= written;
+    }
+  }
+  return 0;
+}
+
 // Writes a whole packet to the hub; 0 or the error number.
 int WritePacket(char* buffer, std::size_t size) {
   varn::transport::SendLockUnlessExempt send_lock;
@@ -90,19 +146,7 @@ int WritePacket(char* buffer, std::size_t size) {
     // channel waits until the packet is whole.
     platform::DeferHoldScope defer;
     if (!LockWire()) return VARN_E_PIPE_WRITE;
-    std::size_t done = 0;
-    int error = 0;
-    while (done < size) {
-      std::size_t written = 0;
-      bool ok = write_file_win(Fixed().quonout_fd, buffer + done, size - done, &written);
-      done += written;
-      if (!ok && done < size) {
-        int e = platform::LastError();
-        if (e == EINTR || e == EAGAIN) continue;  // nothing lost: try the rest again
-        error = VARN_E_PIPE_WRITE;
-        break;
-      }
-    }
+    int error = WriteWithCorked(buffer, size);
     g_wire_lock.Unlock();
     if (error != 0) return error;
   }
@@ -181,6 +225,46 @@ int SendPacketQuiet(const char* destination, const char* source, int category, c
   }
   char* buf = PacketBuffer(size - wire::kLengthDigits);
   return BuildAndWrite(buf, size + 1, destination, source, category, payload, length);
+}
+
+void AllowCorking(bool on) { t_cork_allowed = on; }
+
+int SendAcknowledgement(const char* destination, const char* source) {
+  // Sent at once by the input thread, during an interrupt, with trace lines
+  // on (they keep the order of the wire), and where nobody would flush it:
+  // the application's thread corks only what follows a packet it read
+  // itself, so that the input thread takes the turn back and flushes
+  // within kReclaimMs when the application stays busy.
+  if (!t_cork_allowed || t_interrupt_context || Fixed().trace || !ActiveChannel().ReadsByTurns()) {
+    return varn_send_packet(destination, source, VARN_ACK, nullptr, 0);
+  }
+  char packet[kCorkCapacity];
+  std::size_t size = 0;
+  if (wire::BuildPacket(packet, sizeof packet, destination, source, VARN_ACK, nullptr, 0, &size) !=
+      wire::WireError::kOk) {
+    return varn_send_packet(destination, source, VARN_ACK, nullptr, 0);
+  }
+  platform::DeferHoldScope defer;
+  g_wire_lock.Lock();
+  int error = 0;
+  if (g_corked_size + size > kCorkCapacity) error = WriteWithCorked(nullptr, 0);
+  std::memcpy(g_corked + g_corked_size, packet, size);
+  g_corked_size += size;
+  g_corked_pending.store(true, std::memory_order_relaxed);
+  g_wire_lock.Unlock();
+  if (error != 0) {
+    VarnErrorNo = error;
+    return 0;
+  }
+  return 1;
+}
+
+void FlushCorked() {
+  if (!g_corked_pending.load(std::memory_order_relaxed)) return;
+  platform::DeferHoldScope defer;
+  g_wire_lock.Lock();
+  WriteWithCorked(nullptr, 0);
+  g_wire_lock.Unlock();
 }
 
 int SendSmallPacketQuiet(const char* destination, const char* source, int category,

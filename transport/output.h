@@ -35,6 +35,19 @@ bool InInterruptContext();
 // of the application thread's shared packet buffer.
 void UsePrivatePacketBuffer();
 
+// Acknowledgements of CMD, BEGIN and END may be corked: written together
+// with the next packet the process sends (an answer that follows at once
+// costs one write and one wake-up of the hub instead of two), or when the
+// application's thread next waits for input, or when the input thread
+// takes the reading turn back (within HandOver::kReclaimMs). Order on the
+// wire is kept: every write puts corked bytes first.
+int SendAcknowledgement(const char* destination, const char* source);
+// Application's thread: whether the packet it handles now was read by
+// itself (then its acknowledgement may wait).
+void AllowCorking(bool on);
+// Writes corked acknowledgements now, if there are any.
+void FlushCorked();
+
 // Holds the send lock for a scope. Two kinds of thread are exempt and take
 // nothing: one that handles an interrupt (the held application's thread may
 // own the lock) and one that sends outside exchanges (WireOnlyScope).

@@ -16,6 +16,7 @@
 #include "transport/await.h"
 #include "transport/channel.h"
 #include "transport/hub_channel.h"
+#include "transport/output.h"
 #include "transport/stream_buffer.h"
 #include "transport/upcalls.h"
 #include "transport/wire_format.h"
@@ -430,7 +431,7 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
       // BUSY before the ACK: once the sender has its ACK, a status query
       // (answered on the input thread) must not find this process IDLE.
       varn_set_status(VARN_STATUS_BUSY, "");
-      if (category == VARN_CMD) varn_send_packet(source, destination, VARN_ACK, nullptr, 0);
+      if (category == VARN_CMD) transport::SendAcknowledgement(source, destination);
       if (!transport::Store(h, destination, source, VARN_CMD, payload, length)) return 1;
       varnP_call_callback(h);
       return 1;
@@ -445,7 +446,7 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
     case VARN_BEGIN_ACKSENT:
       h = transport::FindOrCreate(source);
       if (h < 0) return 1;
-      if (category == VARN_BEGIN) varn_send_packet(source, destination, VARN_ACK, nullptr, 0);
+      if (category == VARN_BEGIN) transport::SendAcknowledgement(source, destination);
       if (!channel.StoreInRow(h, destination, source, VARN_BEGIN, payload, length,
                               static_cast<uint32_t>(Stream::kStreaming),
                               VarnMessage[h].send_stream)) {
@@ -471,7 +472,7 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
       if (row.address != nullptr && std::strcmp(row.address, stream::Source()) == 0) {
         stream::SetEnded();
       }
-      if (category == VARN_END) varn_send_packet(source, destination, VARN_ACK, nullptr, 0);
+      if (category == VARN_END) transport::SendAcknowledgement(source, destination);
       return 1;
     }
     case VARN_DATA:

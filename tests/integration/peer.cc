@@ -71,6 +71,14 @@ void Callback(int h) {
     varn_send_msg(h, VARN_DONE, "bye", 0);
     varn_deinit();
   }
+  if (category == VARN_CMD && std::strncmp(buffer, "busy ", 5) == 0) {
+    // Busy in its own code, sending nothing, before it answers.
+    auto until =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(std::atoi(buffer + 5));
+    while (std::chrono::steady_clock::now() < until) {
+    }
+    varn_send_msg(h, VARN_DONE, "rested", 0);
+  }
   if (category == VARN_CMD && std::strncmp(buffer, "where ", 6) == 0) {
     int row = -1;
     const char* address = "none";
@@ -167,6 +175,17 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     int r = varn_send_msg(h, VARN_CMD, "run 1", 0);
     Report("send %d err=%d", r, VarnErrorNo);
     ReportWait(h);
+    return 0;
+  }
+  if (mode == "big-answer") {  // CMD to S1, then a wait that takes a large answer
+    int h = Connect("srv", "S1@h");
+    Report("send %d", varn_send_msg(h, VARN_CMD, "big", 0));
+    static char buffer[300000];
+    uint32_t category = 0, length = 0;
+    int r = varn_wait(h, &category, buffer, &length, 0, 1);
+    long sum = 0;
+    for (uint32_t i = 0; i < length; ++i) sum += static_cast<unsigned char>(buffer[i]);
+    Report("wait %d cat=%s length=%u sum=%ld", r, r ? Word(category) : "-", length, sum);
     return 0;
   }
   if (mode == "stream") {  // CMD to S1, wait for BEGIN, read the stream, wait for DONE

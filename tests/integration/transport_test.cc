@@ -57,6 +57,57 @@ TEST_F(TransportTest, ServerAcknowledgesEachCommandAtOnce) {
   EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
+TEST_F(TransportTest, CommandIsAcknowledgedWhileTheServerIsStillBusyWithIt) {
+  StartPeer("serve");
+  EXPECT_EQ(hub_.Report(), "ready");
+  Expect("STATUS");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "CMD", "busy 1500"));
+  AnswerProcessList("client S1@h quon@h 0");
+  // The acknowledgement does not wait for the answer: it arrives long
+  // before the 1.5 s of work are over, and the answer follows it.
+  Packet ack;
+  ASSERT_TRUE(hub_.Read(&ack, 700));
+  EXPECT_EQ(ack.word, "ACK");
+  EXPECT_EQ(ack.destination, kS1);
+  Packet done = Expect("DONE");
+  EXPECT_EQ(done.payload, "rested");
+  EXPECT_EQ(hub_.Report(), "callback CMD busy 1500");
+  // A quick answer leaves right behind its acknowledgement.
+  ASSERT_TRUE(hub_.Send(self_, kS1, "CMD", "where S1@h"));
+  EXPECT_EQ(Expect("ACK").destination, kS1);
+  EXPECT_EQ(Expect("DONE").destination, kS1);
+  ASSERT_TRUE(hub_.Send(self_, "quon", "KILL"));
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
+TEST_F(TransportTest, PacketsCutAnywhereAndLargerThanOneReadArriveWhole) {
+  StartPeer("big-answer");
+  Expect("CMD");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(hub_.Report(), "send 1");
+  std::string text;
+  long sum = 0;
+  for (int i = 0; i < 200000; ++i) {
+    text += static_cast<char>('a' + i % 26);
+    sum += 'a' + i % 26;
+  }
+  // The answer (larger than what the library reads at once) is written in
+  // pieces cut inside the length digits and inside the body, behind a
+  // status query in the same write as its first piece.
+  std::string big = test_support::BuildPacket(self_, kS1, "DONE", text);
+  std::string query = test_support::BuildPacket(self_, "X@h", "STATUS?", "");
+  ASSERT_TRUE(hub_.SendRaw(query + big.substr(0, 3)));
+  EXPECT_EQ(Expect("STATUS").destination, "X@h");
+  ASSERT_TRUE(hub_.SendRaw(big.substr(3, 70000)));
+  ASSERT_TRUE(hub_.SendRaw(big.substr(70003)));
+  // The length counts the padding NULs behind the text (0 to 3 of them).
+  std::string report = hub_.Report();
+  EXPECT_EQ(report.rfind("wait 1 cat=DONE length=20000", 0), 0u) << report;
+  EXPECT_NE(report.find(" sum=" + std::to_string(sum)), std::string::npos) << report;
+  AckExitNotice();
+}
+
 TEST_F(TransportTest, QueuedCommandDuringAckWaitGetsOneAck) {
   StartPeer("command");
   Expect("CMD");
