@@ -140,6 +140,13 @@ bool Row::OpenTo(const char* address, const char* local_address) {
   return true;
 }
 
+namespace {
+bool g_any_disabled GUARDED_BY(kLibrary) = false;
+}  // namespace
+
+bool AnyRowDisabled() { return g_any_disabled; }
+void NoteDisabledRow() { g_any_disabled = true; }
+
 int FindDisabledEntry(int* h, const char* name) {
   int count = ActiveCount();
   for (int i = 0; i < count; ++i) {

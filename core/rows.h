@@ -40,6 +40,8 @@ bool ValidHandle(int h) REQUIRES(kLibrary);
 // The text of the last KILL, INTR or SRVR_ERR: at most this many bytes.
 inline constexpr std::size_t kSignalTextMax = 1023;
 
+void NoteDisabledRow() REQUIRES(kLibrary);
+
 class Row {
  public:
   explicit Row(int h) REQUIRES(kLibrary) : h_(h), e_(VarnMessage[h]) {}
@@ -50,7 +52,11 @@ class Row {
 
   RowState state() const { return static_cast<RowState>(e_.state); }
   bool is(RowState s) const { return state() == s; }
-  void set_state(RowState s) { e_.state = static_cast<std::uint32_t>(s); }
+  // A Row exists only where the library's state is held (its constructor).
+  void set_state(RowState s) NO_THREAD_SAFETY_ANALYSIS {
+    if (s == RowState::kDisabled) NoteDisabledRow();
+    e_.state = static_cast<std::uint32_t>(s);
+  }
 
   Stream send_stream() const { return static_cast<Stream>(e_.send_stream); }
   Stream recv_stream() const { return static_cast<Stream>(e_.recv_stream); }
@@ -114,6 +120,9 @@ class Row {
 // Lookups by server name. Both skip rows whose name is null. 1 with *h
 // set, else 0.
 int FindDisabledEntry(int* h, const char* name) REQUIRES(kLibrary);
+// Whether a row was ever disabled through Row::set_state in this process:
+// until then no send needs to look for one (a send is the hot path).
+bool AnyRowDisabled() REQUIRES(kLibrary);
 int FindEnabledEntry(int* h, const char* name) REQUIRES(kLibrary);
 
 // A row created for an unknown message source gets its name from the hub's

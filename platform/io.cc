@@ -128,6 +128,10 @@ void DrainWake(int wake_fd) {
   }
 }
 
+bool GrowPipe(int fd, std::size_t bytes) {
+  return fcntl(fd, F_SETPIPE_SZ, static_cast<int>(bytes)) >= 0;
+}
+
 void Close(int fd) {
   if (fd >= 0) close(fd);
 }

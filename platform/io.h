@@ -68,6 +68,9 @@ int OpenNullDevice();
 bool IsOpenFd(int fd);
 bool SetNonBlocking(int fd, bool on);
 bool SetCloseOnExec(int fd, bool on);
+// Asks for a pipe buffer of `bytes` (more data in flight for a streaming
+// peer). False where fd is not a pipe or the system refused.
+bool GrowPipe(int fd, std::size_t bytes);
 // Replaces the trailing "XXXXXX" of name_template in place so that it names
 // a new file, creates it, and returns it opened as a stdio stream with mode
 // (nullptr on failure).

@@ -38,7 +38,7 @@ namespace transport = varn::transport;
 bool PeerDisabled(varnHandle h) REQUIRES(core::kLibrary) {
   const char* name = VarnMessage[h].name;
   int d;
-  return name != nullptr && core::FindDisabledEntry(&d, name);
+  return name != nullptr && core::AnyRowDisabled() && core::FindDisabledEntry(&d, name);
 }
 
 int SendToHub(int category, const char* payload) {

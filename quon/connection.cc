@@ -16,6 +16,9 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // starve the others.
 constexpr std::size_t kReadBudget = 256 * 1024;
 constexpr std::size_t kReadEverything = static_cast<std::size_t>(-1);
+// A client's pipe that fills up (a stream) is grown to this once, so that
+// more of the stream is in flight per wake-up of the hub and the client.
+constexpr std::size_t kStreamingPipe = 1u << 20;
 
 // The client's address, with or without a route prefix.
 bool IsOwnSource(std::string_view source, std::string_view address) {
@@ -97,6 +100,18 @@ void Connection::OnRoundEnd() {
 }
 
 void Connection::AfterFlush() {
+  if (!output_.empty() && !write_pipe_grown_) {
+    // The client does not keep up: a larger pipe takes more at once.
+    write_pipe_grown_ = true;
+    if (platform::GrowPipe(write_fd_, kStreamingPipe) &&
+        output_.WriteTo(write_fd_) == OutputBuffer::Flush::kFailed) {
+      std::weak_ptr<int> alive = alive_;
+      loop_.Post([this, alive] {
+        if (!alive.expired() && !closed_) ReportClosed();
+      });
+      return;
+    }
+  }
   UpdateInterest();
   if (congested_ && output_.size() <= limits_.low_water) {
     congested_ = false;
@@ -167,6 +182,10 @@ bool Connection::ReadInput(std::size_t budget) {
     char* p = framer_.Reserve(kReadChunk);
     long n = platform::ReadSome(read_fd_, p, kReadChunk);
     if (n > 0) {
+      if (static_cast<std::size_t>(n) == kReadChunk && !read_pipe_grown_) {
+        read_pipe_grown_ = true;
+        platform::GrowPipe(read_fd_, kStreamingPipe);
+      }
       framer_.Commit(static_cast<std::size_t>(n));
       total += static_cast<std::size_t>(n);
       // A short read means the channel is empty for now; the loop reports

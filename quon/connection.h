@@ -111,7 +111,9 @@ class Connection final : private platform::RoundEnd {
   bool close_reported_ = false;
   bool reading_ = true;  // interest registered with the loop
   bool writing_ = false;
-  bool flush_queued_ = false;  // waits for the end of the round
+  bool flush_queued_ = false;     // waits for the end of the round
+  bool read_pipe_grown_ = false;  // asked once for a larger pipe
+  bool write_pipe_grown_ = false;
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 

@@ -19,6 +19,8 @@ char* g_buffer GUARDED_BY(varn::core::kLibrary) = nullptr;
 std::size_t g_capacity GUARDED_BY(varn::core::kLibrary) = 0;
 // Bytes of the packet under construction, header space included.
 std::size_t g_length GUARDED_BY(varn::core::kLibrary) = 0;
+// The header's size for g_destination, worked out when the batch opened.
+std::size_t g_header_size GUARDED_BY(varn::core::kLibrary) = 0;
 
 std::size_t HeaderSize(const char* destination) {
   return wire::HeaderSize(destination, varn::core::Fixed().own_address,
@@ -46,16 +48,18 @@ extern "C" int varnP_data_batch_add(const char* destination, const void* payload
                                     size_t length) noexcept {
   varn::core::OnApplicationThread();
   if (length == 0 && payload != nullptr) length = std::strlen(static_cast<const char*>(payload));
-  if (PaddedSize(HeaderSize(destination) + wire::kLengthDigits + length) >= wire::kPacketLimit) {
+  bool same = g_destination[0] != '\0' && std::strcmp(g_destination, destination) == 0;
+  std::size_t header = same ? g_header_size : HeaderSize(destination);
+  if (PaddedSize(header + wire::kLengthDigits + length) >= wire::kPacketLimit) {
     VarnErrorNo = VARN_E_TOO_LONG;
     return 0;
   }
-  if (g_destination[0] == '\0' || std::strcmp(g_destination, destination) != 0) {
+  if (!same) {
     if (!varnP_data_batch_flush() || !varnP_data_batch_open(destination)) return 0;
   }
   // A full batch goes out first; a batch that holds no record yet is not
   // flushed (it would be an empty DATA packet), it grows instead.
-  bool has_records = g_length > HeaderSize(g_destination);
+  bool has_records = g_length > g_header_size;
   if (g_buffer != nullptr && has_records &&
       (PaddedSize(g_length + wire::kLengthDigits + length) >= wire::kPacketLimit ||
        g_length + wire::kLengthDigits + length >= g_capacity)) {
@@ -74,9 +78,7 @@ extern "C" int varnP_data_batch_add(const char* destination, const void* payload
     g_buffer = p;
     g_capacity = grow;
   }
-  char digits[8];
-  std::snprintf(digits, sizeof digits, "%06zu", length);
-  std::memcpy(g_buffer + g_length, digits, wire::kLengthDigits);
+  wire::WriteLength(g_buffer + g_length, length);
   g_length += wire::kLengthDigits;
   if (length > 0) std::memcpy(g_buffer + g_length, payload, length);
   g_length += length;
@@ -86,7 +88,8 @@ extern "C" int varnP_data_batch_add(const char* destination, const void* payload
 extern "C" int varnP_data_batch_open(const char* destination) noexcept {
   varn::core::OnApplicationThread();
   std::snprintf(g_destination, sizeof g_destination, "%s", destination);
-  g_length = HeaderSize(g_destination);
+  g_header_size = HeaderSize(g_destination);
+  g_length = g_header_size;
   return 1;
 }
 

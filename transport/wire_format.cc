@@ -101,11 +101,7 @@ std::size_t HeaderSize(std::string_view destination, std::string_view source,
 char* WriteHeader(char* buf, std::size_t body_length, std::string_view destination,
                   std::string_view source, std::string_view word) {
   char* p = buf;
-  std::size_t n = body_length;
-  for (int i = static_cast<int>(kLengthDigits) - 1; i >= 0; --i) {
-    p[i] = static_cast<char>('0' + n % 10);
-    n /= 10;
-  }
+  WriteLength(p, body_length);
   p += kLengthDigits;
   auto put = [&p](std::string_view part) {
     std::memcpy(p, part.data(), part.size());

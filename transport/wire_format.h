@@ -96,6 +96,14 @@ char* WriteHeader(char* buf, std::size_t body_length, std::string_view destinati
 std::size_t PacketSize(std::string_view destination, std::string_view source, int category,
                        std::size_t payload_len);
 
+// Writes n (below 10^6) as the six-digit length field, without a NUL.
+inline void WriteLength(char* p, std::size_t n) {
+  for (int i = static_cast<int>(kLengthDigits) - 1; i >= 0; --i) {
+    p[i] = static_cast<char>('0' + n % 10);
+    n /= 10;
+  }
+}
+
 // Reads the six-digit length field strictly (six ASCII digits).
 WireError ParseLength(const char* digits, std::size_t* length);
 
