@@ -2,7 +2,9 @@
 # Builds the benchmarks (RelWithDebInfo) and runs them all, each figure
 # printed beside its floor measured in the same run.
 #   bench/run.sh [BUILD_DIR]      default build-bench
-# The hub's own lines go to BUILD_DIR/bench-hub.log.
+# The hub's own lines (and the bus daemon's) go to BUILD_DIR/bench-hub.log.
+# Installs what the build needs (scripts/deps.sh) and what library_bench's
+# bus leg needs (sd-bus's headers, a bus daemon) when missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir="${1:-build-bench}"
@@ -11,6 +13,23 @@ if [ ! -f "$dir/CMakeCache.txt" ]; then
   scripts/deps.sh
   flags+=(-G Ninja -DVARN_BUILD_TESTS=OFF)
 fi
+
+# library_bench's bus leg needs sd-bus (found through pkg-config when the
+# build is configured) and a bus daemon; without them it skips that leg.
+bus_need=()
+command -v pkg-config >/dev/null || bus_need+=(pkg-config)
+pkg-config --exists libsystemd 2>/dev/null || bus_need+=(libsystemd-dev)
+command -v dbus-daemon >/dev/null || bus_need+=(dbus-daemon)
+if [ ${#bus_need[@]} -gt 0 ]; then
+  echo "installing for the bus leg: ${bus_need[*]}"
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO=sudo
+  if ! { $SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive \
+      $SUDO apt-get install -y -qq "${bus_need[@]}"; } >/dev/null 2>&1; then
+    echo "bus leg skipped: could not install ${bus_need[*]}"
+  fi
+fi
+
 cmake -S . -B "$dir" "${flags[@]}" >/dev/null
 cmake --build "$dir" -j "$(nproc)" --target handover_bench quon_relay_bench library_bench >/dev/null
 log="$dir/bench-hub.log"

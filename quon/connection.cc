@@ -11,6 +11,9 @@
 namespace varn::quon {
 namespace {
 
+// Reads start small and double while they fill what was offered, up to
+// kReadChunk; a client that goes quiet gives its buffer back.
+constexpr std::size_t kFirstReadChunk = 4 * 1024;
 constexpr std::size_t kReadChunk = 64 * 1024;
 // Bytes taken from one client per wake-up, so that one busy client cannot
 // starve the others.
@@ -160,6 +163,12 @@ void Connection::OnReadable() {
   if (!ReadInput(kReadBudget)) input_ended_ = true;
   HandleBuffered(false);
   if (closed_) return;
+  if (last_read_ < kFirstReadChunk && framer_.buffered() == 0 &&
+      framer_.capacity() > kFirstReadChunk) {
+    // Only a little came this time: the stream, if there was one, is over.
+    framer_.ReleaseIfEmpty();
+    read_chunk_ = kFirstReadChunk;
+  }
   if (input_ended_ && !paused_) {
     ReportClosed();
   } else {
@@ -177,20 +186,26 @@ void Connection::OnWritable() {
 }
 
 bool Connection::ReadInput(std::size_t budget) {
-  std::size_t total = 0;
+  std::size_t& total = last_read_;
+  total = 0;
   while (total < budget) {
-    char* p = framer_.Reserve(kReadChunk);
-    long n = platform::ReadSome(read_fd_, p, kReadChunk);
+    char* p = framer_.Reserve(read_chunk_);
+    long n = platform::ReadSome(read_fd_, p, read_chunk_);
     if (n > 0) {
-      if (static_cast<std::size_t>(n) == kReadChunk && !read_pipe_grown_) {
-        read_pipe_grown_ = true;
-        platform::GrowPipe(read_fd_, kStreamingPipe);
-      }
-      framer_.Commit(static_cast<std::size_t>(n));
-      total += static_cast<std::size_t>(n);
+      std::size_t got = static_cast<std::size_t>(n);
+      framer_.Commit(got);
+      total += got;
       // A short read means the channel is empty for now; the loop reports
       // it again when more arrives, so asking once more would only fail.
-      if (static_cast<std::size_t>(n) < kReadChunk && budget != kReadEverything) return true;
+      if (got < read_chunk_ && budget != kReadEverything) return true;
+      if (got == read_chunk_) {
+        if (read_chunk_ < kReadChunk) {
+          read_chunk_ *= 2;
+        } else if (!read_pipe_grown_) {
+          read_pipe_grown_ = true;
+          platform::GrowPipe(read_fd_, kStreamingPipe);
+        }
+      }
       continue;
     }
     if (n == 0) return false;

@@ -111,8 +111,10 @@ class Connection final : private platform::RoundEnd {
   bool close_reported_ = false;
   bool reading_ = true;  // interest registered with the loop
   bool writing_ = false;
-  bool flush_queued_ = false;     // waits for the end of the round
-  bool read_pipe_grown_ = false;  // asked once for a larger pipe
+  bool flush_queued_ = false;          // waits for the end of the round
+  std::size_t read_chunk_ = 4 * 1024;  // bytes offered to the next read
+  std::size_t last_read_ = 0;          // bytes the last ReadInput took
+  bool read_pipe_grown_ = false;       // asked once for a larger pipe
   bool write_pipe_grown_ = false;
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };

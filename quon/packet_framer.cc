@@ -16,15 +16,28 @@ std::string_view Packet::raw_payload() const {
 std::string_view Packet::text() const { return wire::WithoutPadding(raw_payload()); }
 
 char* PacketFramer::Reserve(std::size_t want) {
-  if (tail_ + want > bytes_.size()) {
+  if (tail_ + want > capacity_) {
     if (head_ > 0) {
-      std::memmove(bytes_.data(), bytes_.data() + head_, tail_ - head_);
+      std::memmove(bytes_.get(), bytes_.get() + head_, tail_ - head_);
       tail_ -= head_;
       head_ = 0;
     }
-    if (tail_ + want > bytes_.size()) bytes_.resize(tail_ + want);
+    if (tail_ + want > capacity_) {
+      std::size_t grown = tail_ + want;
+      std::unique_ptr<char[]> bigger(new char[grown]);
+      if (tail_ > 0) std::memcpy(bigger.get(), bytes_.get(), tail_);
+      bytes_ = std::move(bigger);
+      capacity_ = grown;
+    }
   }
-  return bytes_.data() + tail_;
+  return bytes_.get() + tail_;
+}
+
+void PacketFramer::ReleaseIfEmpty() {
+  if (head_ != tail_ || skip_ > 0) return;
+  head_ = tail_ = 0;
+  bytes_.reset();
+  capacity_ = 0;
 }
 
 void PacketFramer::Commit(std::size_t count) { tail_ += count; }
@@ -42,7 +55,7 @@ PacketFramer::Result PacketFramer::Next(Packet* packet, std::string* reason) {
   }
   std::size_t available = tail_ - head_;
   if (available < wire::kLengthDigits) return Result::kNeedMore;
-  const char* start = bytes_.data() + head_;
+  const char* start = bytes_.get() + head_;
   std::size_t length = 0;
   if (wire::ParseLength(start, &length) != wire::WireError::kOk) {
     *reason = "length field is not six digits";
@@ -60,7 +73,7 @@ PacketFramer::Result PacketFramer::Next(Packet* packet, std::string* reason) {
     Reserve(total - available);  // so that the rest arrives in one piece
     return Result::kNeedMore;
   }
-  start = bytes_.data() + head_;
+  start = bytes_.get() + head_;
   head_ += total;
   Packet p;
   p.data = start;

@@ -13,6 +13,7 @@
 #define VARN_QUON_PACKET_FRAMER_H_
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,9 +46,14 @@ class PacketFramer {
   Result Next(Packet* packet, std::string* reason);
 
   std::size_t buffered() const { return tail_ - head_; }
+  std::size_t capacity() const { return capacity_; }
+  // Frees the storage while nothing is buffered: an idle client costs no
+  // read buffer.
+  void ReleaseIfEmpty();
 
  private:
-  std::vector<char> bytes_;
+  std::unique_ptr<char[]> bytes_;  // not zeroed: only [head_, tail_) is read
+  std::size_t capacity_ = 0;
   std::size_t head_ = 0;
   std::size_t tail_ = 0;
   std::size_t skip_ = 0;  // bytes of an oversized packet still to discard
