@@ -12,26 +12,14 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/peer_report.h"
 #include "varn.h"
 
 namespace {
 
-int g_report = -1;
-
-void Report(const char* format, ...) {
-  char line[8192];
-  va_list ap;
-  va_start(ap, format);
-  int n = std::vsnprintf(line, sizeof line - 1, format, ap);
-  va_end(ap);
-  if (n < 0) return;
-  if (n > static_cast<int>(sizeof line) - 2) n = sizeof line - 2;
-  line[n++] = '\n';
-  if (g_report >= 0) {
-    ssize_t w = write(g_report, line, static_cast<size_t>(n));
-    (void)w;
-  }
-}
+using varn::test_support::g_report;
+using varn::test_support::Report;
+using varn::test_support::Word;
 
 constexpr int kRead = 1, kWrite = 2;
 constexpr int kText = 1, kBinary = 2;

@@ -15,33 +15,15 @@
 #include <cstring>
 #include <string>
 
+#include "tests/support/peer_report.h"
 #include "varn.h"
 
 namespace {
 
-int g_report = -1;
+using varn::test_support::g_report;
+using varn::test_support::Report;
+using varn::test_support::Word;
 std::atomic<long> g_counter{0};
-
-void Report(const char* format, ...) {
-  char line[8192];
-  va_list ap;
-  va_start(ap, format);
-  int n = std::vsnprintf(line, sizeof line - 1, format, ap);
-  va_end(ap);
-  if (n < 0) return;
-  if (n > static_cast<int>(sizeof line) - 2) n = sizeof line - 2;
-  line[n++] = '\n';
-  if (g_report >= 0) {
-    ssize_t w = write(g_report, line, static_cast<size_t>(n));
-    (void)w;
-  }
-}
-
-const char* Word(uint32_t code) {
-  static char word[32];
-  if (!varn_util_int_to_category(static_cast<int>(code), word)) std::strcpy(word, "?");
-  return word;
-}
 
 // The callback reports what arrived. For INTR it also checks that the
 // application's thread is held: the counter it increments must not move.

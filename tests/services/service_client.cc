@@ -14,33 +14,14 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/peer_report.h"
 #include "varn.h"
 
 namespace {
 
-int g_report = -1;
-
-void Report(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void Report(const char* format, ...) {
-  char line[8192];
-  va_list ap;
-  va_start(ap, format);
-  int n = std::vsnprintf(line, sizeof line - 1, format, ap);
-  va_end(ap);
-  if (n < 0) return;
-  if (n > static_cast<int>(sizeof line) - 2) n = sizeof line - 2;
-  line[n++] = '\n';
-  if (g_report >= 0) {
-    ssize_t w = write(g_report, line, static_cast<size_t>(n));
-    (void)w;
-  }
-}
-
-const char* Word(uint32_t code) {
-  static char word[32];
-  if (!varn_util_int_to_category(static_cast<int>(code), word)) std::strcpy(word, "?");
-  return word;
-}
+using varn::test_support::g_report;
+using varn::test_support::Report;
+using varn::test_support::Word;
 
 const char* Address(int h) {
   return h >= 0 && h < VARN_MAX_ENTRIES && VarnMessage[h].address ? VarnMessage[h].address : "-";
