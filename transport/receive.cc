@@ -159,6 +159,21 @@ int TakeSplitAndHandle(bool lane) REQUIRES(core::kLibrary) {
   return r;
 }
 
+// Parses a message taken from the queue. The queue only lends it: the
+// strings are freed at the queue's next hand-out, and parsing may read on
+// before it is done (a row made for a new source asks the hub for the
+// source's name and waits for the answer, taking queued messages first).
+// So the parse works on copies of its own.
+int ParseQueued(const char* source, const char* destination, const char* payload, int category,
+                std::size_t length) REQUIRES(core::kLibrary) {
+  std::string own_source = source ? source : "";
+  std::string own_destination = destination ? destination : "";
+  std::string own_payload = payload ? std::string(payload, length) : std::string();
+  return varn_parse_message(source ? own_source.c_str() : nullptr,
+                            destination ? own_destination.c_str() : nullptr,
+                            payload ? own_payload.c_str() : nullptr, category, length);
+}
+
 void DeliverEnd(int* category, char* buffer, int64_t size, std::size_t* length)
     REQUIRES(core::kLibrary) {
   *category = VARN_END;
@@ -350,12 +365,12 @@ extern "C" int varn_recv_read_and_parse_message(int wait) noexcept {
   int r;
   if (varn_queue_outband_on()) {
     if (varn_queue_get_outband_msg(&source, &destination, &payload, &category, &length)) {
-      r = varn_parse_message(source, destination, payload, category, length);
+      r = transport::ParseQueued(source, destination, payload, category, length);
     } else {
       r = transport::TakeSplitAndHandle(true);
     }
   } else if (varn_queue_get_msg(&source, &destination, &payload, &category, &length)) {
-    r = varn_parse_message(source, destination, payload, category, length);
+    r = transport::ParseQueued(source, destination, payload, category, length);
   } else {
     r = transport::TakeSplitAndHandle(false);
   }
