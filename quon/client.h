@@ -2,10 +2,13 @@
 #ifndef VARN_QUON_CLIENT_H_
 #define VARN_QUON_CLIENT_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/event_loop.h"
@@ -22,6 +25,41 @@ enum class ClientKind {
   kLinesAndErr,  // INVOKERE: standard output and error output read as lines
   kSilent,       // INVOKERN: nothing collected
 };
+
+// What a client is doing, as far as the hub can tell from the packets it
+// relays; shown by the control endpoint (session_view.h). The counters are
+// plain increments on the relay path; the rest changes only for the few
+// categories that carry a state (CMD, BEGIN, DONE, ERROR, NAK, STATUS).
+enum class ViewState {
+  kNew,      // a protocol client that has shown no state yet
+  kIdle,     // reported IDLE, or answered its last command
+  kBusy,     // reported BUSY, or was handed a command or stream
+  kDead,     // reported DEAD, or ended
+  kProgram,  // a program without the protocol, still running
+};
+
+// A CMD relayed to the client and not yet answered.
+struct PendingCommand {
+  std::uint64_t from_id = 0;  // the client that sent it
+  std::int64_t since_ms = 0;  // monotonic time it was relayed
+};
+
+struct ClientActivity {
+  std::uint64_t packets_in = 0;   // packets (or lines) the hub took from it
+  std::uint64_t packets_out = 0;  // packets (or lines) the hub queued for it
+  ViewState state = ViewState::kNew;
+  std::string status_text;  // text of its last STATUS, or of a NAK "BUSY ..."
+  // Commands it has been handed and not answered, oldest first; at most
+  // kMaxPendingCommands are remembered (the oldest ones).
+  std::deque<PendingCommand> pending;
+  // The clients it waits on: each with how many of its commands they hold
+  // in `pending`.
+  std::vector<std::pair<std::uint64_t, int>> awaiting;
+};
+
+inline constexpr std::size_t kMaxPendingCommands = 1024;
+// Status texts are kept up to this many bytes (the table shows fewer).
+inline constexpr std::size_t kMaxStatusText = 1024;
 
 struct Client {
   std::uint64_t id = 0;
@@ -44,6 +82,7 @@ struct Client {
   bool reaped = false;
   platform::ChildStatus exit_status;
   platform::EventLoop::TimerId timer = 0;
+  ClientActivity activity;
 
   // Protocol clients.
   std::unique_ptr<Connection::Listener> listener;

@@ -5,6 +5,7 @@
 #include "platform/spawn.h"
 #include "platform/system.h"
 #include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 
 namespace varn::quon {
 namespace {
@@ -96,7 +97,8 @@ bool Hub::Send(Client* from, Client& to, std::string_view destination, std::stri
   if (scratch_.size() < size) scratch_.resize(size);
   wire::BuildPacket(scratch_.data(), scratch_.size(), destination, source, category,
                     payload.empty() ? nullptr : payload.data(), payload.size(), &size);
-  log_.Trace(source, destination, wire::CategoryWord(category), size);
+  Trace(source, destination, wire::CategoryWord(category), size, payload);
+  ++to.activity.packets_out;
   to.connection->Send(scratch_.data(), size);
   return NoteCongestion(from, to);
 }
@@ -105,40 +107,129 @@ bool Hub::Reply(Client& to, int category, std::string_view payload, std::string_
   return Send(&to, to, to.address, source, category, payload);
 }
 
+void Hub::Trace(std::string_view source, std::string_view destination, std::string_view word,
+                std::size_t size, std::string_view text) {
+  log_.Trace(source, destination, word, size);
+  if (control_ != nullptr && control_->tracing()) {
+    control_->TracePacket(source, destination, word, size, text);
+  }
+}
+
+void Hub::Trace(const Packet& packet) {
+  log_.Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size);
+  if (control_ != nullptr && control_->tracing()) {
+    control_->TracePacket(packet.header.source, packet.header.destination, packet.header.word,
+                          packet.size, packet.text());
+  }
+}
+
+void Hub::AppendControlTable(std::string* out) const {
+  AppendProcessTable(clients_, platform::MonotonicMillis(), out);
+  for (const WaitCycle& cycle : waits_.cycles()) AppendCycleWarning(clients_, cycle, out);
+}
+
 bool Hub::OnPacket(Client& from, const Packet& packet) {
+  ++from.activity.packets_in;
   std::string_view destination = packet.header.destination;
   if (destination == wire::kHubAddress) {
-    log_.Trace(packet.header.source, destination, packet.header.word, packet.size);
+    Trace(packet);
+    Observe(from, nullptr, packet);
     return HandleRequest(from, packet);
   }
   Client* to = FindLive(destination);
   if (to == nullptr) return AnswerDeadAddress(from, packet);
   from.peers.insert(to->id);
   to->peers.insert(from.id);
-  if (!to->protocol()) return ToProgram(from, *to, packet);
-  return Relay(from, *to, packet);
+  bool go_on = to->protocol() ? Relay(from, *to, packet) : ToProgram(from, *to, packet);
+  Observe(from, to, packet);
+  return go_on;
 }
 
 bool Hub::Relay(Client& from, Client& to, const Packet& packet) {
-  log_.Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size);
+  Trace(packet);
   if (!to.connection || to.connection->closed()) return true;
+  ++to.activity.packets_out;
   to.connection->Send(packet.data, packet.size);
   return NoteCongestion(&from, to);
 }
 
+void Hub::Observe(Client& from, Client* to, const Packet& packet) {
+  ClientActivity& activity = from.activity;
+  switch (packet.category) {
+    case VARN_STATUS: {
+      int status = 0;
+      std::string_view text;
+      if (!wire::ParseStatusAnswer(packet.text(), &status, &text)) return;
+      activity.state = status == VARN_STATUS_IDLE   ? ViewState::kIdle
+                       : status == VARN_STATUS_BUSY ? ViewState::kBusy
+                                                    : ViewState::kDead;
+      activity.status_text.assign(text.substr(0, kMaxStatusText));
+      return;
+    }
+    case VARN_NAK: {
+      // "BUSY", perhaps with a text: it refused because it is busy.
+      std::string_view text = packet.text();
+      if (text.substr(0, 4) == "BUSY" && (text.size() == 4 || text[4] == ' ')) {
+        activity.state = ViewState::kBusy;
+        activity.status_text.assign(text.substr(text.size() > 4 ? 5 : 4, kMaxStatusText));
+      }
+      if (to != nullptr) waits_.OnAnswer(from, *to);
+      return;
+    }
+    case VARN_DONE:
+    case VARN_ERROR:
+      activity.state = ViewState::kIdle;
+      if (to != nullptr) waits_.OnAnswer(from, *to);
+      return;
+    case VARN_SRVR_ERR:
+      if (to != nullptr) waits_.OnAnswer(from, *to);
+      return;
+    case VARN_CMD:
+      // A program without the protocol was answered NAK by the hub itself.
+      if (to == nullptr || !to->protocol()) return;
+      to->activity.state = ViewState::kBusy;
+      if (WaitCycle cycle = waits_.OnCommand(from, *to, platform::MonotonicMillis());
+          !cycle.empty()) {
+        NoteCycle(cycle);
+      }
+      return;
+    case VARN_BEGIN:
+      if (to != nullptr && to->protocol()) to->activity.state = ViewState::kBusy;
+      return;
+    default:
+      return;
+  }
+}
+
+void Hub::NoteCycle(const WaitCycle& cycle) {
+  std::string text = "processes wait on each other in a cycle:";
+  for (std::size_t i = 0; i <= cycle.size(); ++i) {
+    const Client* c = FindById(cycle[i % cycle.size()]);
+    if (c == nullptr) return;
+    text += (i == 0 ? " " : " -> ") + Describe(*c) + " " + c->address;
+  }
+  log_.Note(text);
+  if (control_ != nullptr && control_->tracing()) {
+    std::string line;
+    AppendCycleWarning(clients_, cycle, &line);
+    control_->TraceNotice(line);
+  }
+}
+
 bool Hub::AnswerDeadAddress(Client& from, const Packet& packet) {
-  log_.Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size);
+  Trace(packet);
   if (IsAnswer(packet.category)) return true;
   return Send(&from, from, from.address, packet.header.destination, VARN_SRVR_ERR, "not running");
 }
 
 bool Hub::ToProgram(Client& from, Client& to, const Packet& packet) {
-  log_.Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size);
+  Trace(packet);
   switch (packet.category) {
     case VARN_DATA: {
       if (!to.input) return true;
       std::string line(packet.text());
       if (line.empty() || line.back() != '\n') line.push_back('\n');
+      ++to.activity.packets_out;
       to.input->Write(line);
       return NoteCongestion(&from, to);
     }
@@ -172,6 +263,7 @@ bool Hub::ToProgram(Client& from, Client& to, const Packet& packet) {
 }
 
 bool Hub::OnProgramLine(Client& program, std::string_view line) {
+  ++program.activity.packets_in;
   Client* parent = program.parent_id != 0 ? FindById(program.parent_id) : nullptr;
   if (parent == nullptr || !parent->live || !parent->protocol()) {
     log_.ClientLine(program.name, program.pid_text, line);
@@ -228,6 +320,8 @@ void Hub::Announce(Client& client, std::string_view text) {
   if (!client.live) return;
   client.live = false;
   client.status = VARN_STATUS_DEAD;
+  client.activity.state = ViewState::kDead;
+  waits_.OnEnded(client);
   live_by_address_.erase(client.address);
   log_.Note(Describe(client) + " " + client.address + " ended: " + std::string(text));
   std::set<std::uint64_t> told;

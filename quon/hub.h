@@ -23,8 +23,10 @@
 #include "platform/files.h"
 #include "platform/spawn.h"
 #include "quon/client.h"
+#include "quon/control_endpoint.h"
 #include "quon/log.h"
 #include "quon/packet_framer.h"
+#include "quon/session_view.h"
 #include "transport/wire_format.h"
 
 namespace varn::quon {
@@ -57,6 +59,12 @@ class Hub {
   // The first client's exit code, or 128 + its signal number.
   int exit_code() const { return exit_code_; }
 
+  // Shows the session on `control` (nullptr: on nothing) from now on; the
+  // endpoint must outlive its use here.
+  void set_control(ControlEndpoint* control) { control_ = control; }
+  // The process table and the standing cycles of waiting, as `ps` answers.
+  void AppendControlTable(std::string* out) const;
+
   // Called by the client channels.
   bool OnPacket(Client& from, const Packet& packet);
   void OnBadPacket(Client& from, const std::string& reason, int count);
@@ -85,6 +93,14 @@ class Hub {
   bool ToProgram(Client& from, Client& to, const Packet& packet);
   bool OnProgramLine(Client& program, std::string_view line);
   bool AnswerDeadAddress(Client& from, const Packet& packet);
+  // What a packet from `from` (to the live client `to`, or to nobody that
+  // lives) says about their states and the commands they wait on.
+  void Observe(Client& from, Client* to, const Packet& packet);
+  void NoteCycle(const WaitCycle& cycle);
+  // To the log with --trace, and to the control endpoint's tracers.
+  void Trace(const Packet& packet);
+  void Trace(std::string_view source, std::string_view destination, std::string_view word,
+             std::size_t size, std::string_view text);
 
   // Exits.
   void OnChildExit(int pid, platform::ChildStatus status);
@@ -111,6 +127,8 @@ class Hub {
   std::map<std::uint64_t, std::unique_ptr<Client>> clients_;  // in start order
   std::unordered_map<std::string, std::uint64_t> live_by_address_;
   std::unordered_map<int, std::uint64_t> by_pid_;
+  WaitTracker waits_{clients_};
+  ControlEndpoint* control_ = nullptr;
   std::uint64_t next_id_ = 1;
   std::uint64_t first_id_ = 0;
   bool started_ = false;

@@ -178,6 +178,7 @@ Client* Hub::StartClient(ClientKind kind, const std::string& program,
     c.files = std::make_unique<OpenFiles>(config_.files_root);
     c.connection->Start();
   } else {
+    c.activity.state = ViewState::kProgram;
     std::uint64_t id = c.id;
     c.input = std::make_unique<LineWriter>(
         loop_, hub_write, config_.limits,

@@ -75,6 +75,7 @@ class LineWriter {
   bool Start();
   void Write(std::string_view text);
   bool congested() const { return congested_; }
+  std::size_t queued() const { return output_.size(); }
   void Close();
 
  private:

@@ -36,16 +36,8 @@ void Log::ClientLine(std::string_view name, std::string_view pid, std::string_vi
 void Log::Trace(std::string_view source, std::string_view destination, std::string_view word,
                 std::size_t length) {
   if (!trace_) return;
-  std::int64_t seconds;
-  int millis;
-  platform::NowSecondsMillis(&seconds, &millis);
-  std::time_t t = static_cast<std::time_t>(seconds);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char stamp[32];
-  std::snprintf(stamp, sizeof stamp, "%02d:%02d:%02d.%03d", tm.tm_hour, tm.tm_min, tm.tm_sec,
-                millis);
-  std::string line = stamp;
+  std::string line;
+  AppendTimeOfDay(&line);
   line.push_back(' ');
   line.append(source);
   line.append(" -> ");
@@ -55,6 +47,19 @@ void Log::Trace(std::string_view source, std::string_view destination, std::stri
   line.push_back(' ');
   line.append(std::to_string(length));
   Write(std::move(line));
+}
+
+void AppendTimeOfDay(std::string* out) {
+  std::int64_t seconds;
+  int millis;
+  platform::NowSecondsMillis(&seconds, &millis);
+  std::time_t t = static_cast<std::time_t>(seconds);
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char stamp[32];
+  std::snprintf(stamp, sizeof stamp, "%02d:%02d:%02d.%03d", tm.tm_hour, tm.tm_min, tm.tm_sec,
+                millis);
+  out->append(stamp);
 }
 
 std::string Printable(std::string_view text, std::size_t limit) {

@@ -39,6 +39,9 @@ class Log {
   bool trace_ = false;
 };
 
+// The wall-clock time of day, "HH:MM:SS.mmm" (local time).
+void AppendTimeOfDay(std::string* out);
+
 // Shows a payload in a log line: at most `limit` bytes, control bytes as
 // '.', NUL padding dropped.
 std::string Printable(std::string_view text, std::size_t limit = 200);

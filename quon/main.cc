@@ -9,6 +9,8 @@
 #include "platform/files.h"
 #include "platform/io.h"
 #include "platform/spawn.h"
+#include "platform/system.h"
+#include "quon/control_endpoint.h"
 #include "quon/hub.h"
 #include "quon/log.h"
 #include "quon/options.h"
@@ -76,6 +78,27 @@ int Run(int argc, char** argv) {
   if (!hub.Init(&error)) {
     log.Note(error);
     return 1;
+  }
+  // The control endpoint: announced in the log, removed when the hub ends.
+  // Without --control a socket that cannot be made is only noted.
+  quon::ControlEndpoint control(loop, log,
+                                [&hub](std::string* out) { hub.AppendControlTable(out); });
+  if (!options.no_control) {
+    std::string path = options.control;
+    if (path.empty()) {
+      // Sockets of hubs that were killed go first, so they do not pile up.
+      quon::RemoveStaleControlSockets(quon::DefaultControlDirectory());
+      path = quon::DefaultControlPath(platform::ProcessId());
+    }
+    if (control.Open(path, &error)) {
+      hub.set_control(&control);
+      log.Note("control endpoint " + path);
+    } else if (!options.control.empty()) {
+      log.Note(error);
+      return 1;
+    } else {
+      log.Note(error + "; no control endpoint");
+    }
   }
   if (!loop.WatchSignals({SIGINT, SIGTERM}, [&hub](int signo) { hub.Shutdown(signo); })) {
     log.Note("cannot watch signals");

@@ -19,6 +19,10 @@ const char kUsage[] =
     "                      (default: the current directory)\n"
     "  --queue-limit BYTES pause senders to a client with more queued (default 1048576)\n"
     "  --grace MS          wait for clients to end after a signal (default 3000)\n"
+    "  --control PATH      serve the control endpoint (quonctl) on the Unix socket\n"
+    "                      PATH (default: $XDG_RUNTIME_DIR/quon-PID.ctl, or\n"
+    "                      /tmp/quon-PID.ctl)\n"
+    "  --no-control        serve no control endpoint\n"
     "  --help              show this text\n"
     "  --version           show the version\n";
 
@@ -68,6 +72,15 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       options->trace = true;
     } else if (name == "--sockets") {
       options->sockets = true;
+    } else if (name == "--no-control") {
+      options->no_control = true;
+    } else if (name == "--control") {
+      if (!take_value()) return false;
+      if (value.empty()) {
+        *error = "--control needs a path";
+        return false;
+      }
+      options->control = value;
     } else if (name == "--path") {
       if (!take_value()) return false;
       options->path.emplace_back(value);

@@ -16,6 +16,8 @@ struct Options {
   std::string files_root;              // --files-root DIR
   std::size_t queue_limit = 1u << 20;  // --queue-limit BYTES
   int grace_ms = 3000;                 // --grace MS
+  std::string control;                 // --control PATH ("": the default path)
+  bool no_control = false;             // --no-control
   bool help = false;
   bool version = false;
   std::vector<std::string> program;  // PROGRAM and its arguments
