@@ -84,6 +84,15 @@ HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)()) {
         producer_waits_ = false;
         // Served without the turn: the request, if any, is withdrawn.
         app_asks_ = false;
+        if (app_reading_) {
+          // The input thread yielded the turn to this take after it had
+          // handed this packet over: no read follows, so no DoneReading
+          // either. Counted as stopped reading now, so that the input thread
+          // takes the turn back while the application is in its own code.
+          app_reading_ = false;
+          app_since_ms_ = platform::MonotonicMillis();
+          if (input_waits_idle_) input_turn_.Signal();
+        }
         next = Next::kPacket;
         break;
       }
