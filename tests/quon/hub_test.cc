@@ -629,9 +629,8 @@ TEST(QuonHubFlowTest, BadClientsNeitherBlockNorGrowTheHubForOthers) {
     held = queues[f].second == "paused" && queues[a].second == "paused";
     if (!held) continue;
     // Past the limit by at most one packet: a 4 KiB DATA, a process list.
-    EXPECT_GT(queues[r].first, kLimit);
+    // (Below it too: a pipe that fills is grown and takes some of the queue.)
     EXPECT_LE(queues[r].first, kLimit + 4096 + 100);
-    EXPECT_GT(queues[a].first, kLimit);
     EXPECT_LE(queues[a].first, kLimit + 1024);
     EXPECT_EQ(queues[e].first, 0);
   }
