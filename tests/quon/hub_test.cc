@@ -676,6 +676,35 @@ TEST(QuonHubInputTest, DropsBadInputAndDisconnectsAClientThatKeepsSendingIt) {
   EXPECT_EQ(s.Finish(), 0);
 }
 
+// A client that mixes garbage with valid packets is never disconnected; its
+// bad packets are logged one by one only at first, then counted.
+TEST(QuonHubInputTest, GarbageBetweenValidPacketsIsCountedInTheLogNotWrittenEachTime) {
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({})));
+  std::string steps;
+  // 100 bad packets, never ten in a row: an answer to an address that is
+  // gone is valid and dropped without a reply.
+  for (int i = 0; i < 11; ++i) steps += " garbage 9 send 1@nowhere STATUS IDLE";
+  std::string g = s.Invoke("qclient" + steps + " garbage 1 send parent DATA sent");
+  ASSERT_TRUE(s.ExpectPayload("DATA", g, "sent"));
+  std::string line;
+  int one_by_one = 0;
+  for (;;) {
+    ASSERT_TRUE(s.WaitLog("[" + std::to_string(PidOf(g)) + "]: ", &line));
+    if (line.find("bad packet dropped: unknown category word") != std::string::npos) {
+      ++one_by_one;
+      continue;
+    }
+    if (line.find("disconnected") != std::string::npos) FAIL() << line;
+    if (line.find("bad packets dropped so far") != std::string::npos) break;
+  }
+  EXPECT_EQ(one_by_one, 10);
+  EXPECT_NE(line.find(": 100 bad packets dropped so far, the last: unknown category word"),
+            std::string::npos)
+      << line;
+  EXPECT_EQ(s.Finish(), 0);
+}
+
 TEST(QuonHubSourceTest, DropsPacketsThatClaimAnotherSender) {
   HubSession s;
   ASSERT_TRUE(s.Start(WithPath({})));
