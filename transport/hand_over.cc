@@ -69,7 +69,8 @@ void HandOver::EnableTurns(int wake_fd) {
   wake_fd_ = wake_fd;
 }
 
-HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)()) {
+HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)(),
+                                    std::int64_t deadline_ms) {
   bool wake_producer = false;
   Next next;
   {
@@ -120,7 +121,18 @@ HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)()) {
         platform::SignalWake(wake_fd_);
         room_.Signal();
       }
-      ready_.Wait(&mutex_);
+      if (deadline_ms < 0) {
+        ready_.Wait(&mutex_);
+        continue;
+      }
+      std::int64_t left = deadline_ms - platform::MonotonicMillis();
+      if (left <= 0) {
+        // Withdrawn: the input thread keeps the turn and goes on reading.
+        app_asks_ = false;
+        next = Next::kTimeout;
+        break;
+      }
+      ready_.WaitFor(&mutex_, static_cast<int>(left));
     }
   }
   if (wake_producer) room_.Signal();
