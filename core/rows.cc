@@ -145,6 +145,12 @@ bool g_any_disabled GUARDED_BY(kLibrary) = false;
 }  // namespace
 
 bool AnyRowDisabled() { return g_any_disabled; }
+
+bool PeerDisabled(int h) {
+  const char* name = VarnMessage[h].name;
+  int d;
+  return name != nullptr && g_any_disabled && FindDisabledEntry(&d, name);
+}
 void NoteDisabledRow() { g_any_disabled = true; }
 
 int FindDisabledEntry(int* h, const char* name) {

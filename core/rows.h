@@ -123,6 +123,9 @@ int FindDisabledEntry(int* h, const char* name) REQUIRES(kLibrary);
 // Whether a row was ever disabled through Row::set_state in this process:
 // until then no send needs to look for one (a send is the hot path).
 bool AnyRowDisabled() REQUIRES(kLibrary);
+// Whether row h's server name names a disabled row: messages to it are
+// dropped and waits on it answer at once.
+bool PeerDisabled(int h) REQUIRES(kLibrary);
 int FindEnabledEntry(int* h, const char* name) REQUIRES(kLibrary);
 
 // A row created for an unknown message source gets its name from the hub's

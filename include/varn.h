@@ -275,6 +275,45 @@ VARN_EXPORT int varn_wait(varnHandle h, uint32_t* category, char* buffer, uint32
 VARN_EXPORT int varn_wait_for_any_from_handle(varnHandle h, uint32_t* category, char* buffer,
                                               uint32_t* length, uint32_t default_category,
                                               int force) VARN_NOEXCEPT;
+
+/* ---- Waits with a deadline -------------------------------------------------
+   Each waits at most timeout_ms (0 or more) for what it expects from h and
+   then tells why nothing came, in VarnErrorNo, with a text in `detail` (a
+   buffer of VARN_STATUS_TEXT_SIZE bytes, or null):
+     76 VARN_E_NO_ACK       the command was never acknowledged: the peer's
+                            application did not take it (it is busy in its own
+                            code, or never reads); detail: its status text, if
+                            it answered a status query
+     77 VARN_E_PEER_BUSY    the peer is busy; detail: its status text
+     78 VARN_E_PEER_IDLE    the peer is idle: nothing is on its way
+     79 VARN_E_PEER_SILENT  the peer did not answer a status query either
+                            (stopped, or hung with its input unread)
+     80 VARN_E_PEER_EXITED  the peer exited; detail: its exit text
+     43 VARN_E_DAEMON_GONE  the hub is gone
+   At the deadline the peer is asked for its status; that answer is awaited
+   for at most min(timeout_ms, 500) ms more (and at least 50 ms), so a call
+   returns within timeout_ms plus that bound. The message taken is copied
+   into buffer (capacity bytes, cut to fit and always NUL-terminated);
+   *length is its full length. Messages of h that the call does not expect
+   stay queued for the calls that do. In debug mode (no hub) these behave as
+   varn_wait does there, without a deadline. */
+#define VARN_CATEGORY_BIT(category) ((uint64_t)1 << (category))
+/* Waits for a message of one of `categories` (VARN_CATEGORY_BIT of each;
+   0: DONE or ERROR). Returns 1 with it, or 0. */
+VARN_EXPORT int varn_wait_deadline(varnHandle h, uint64_t categories, int timeout_ms,
+                                   uint32_t* category, char* buffer, uint32_t capacity,
+                                   uint32_t* length, char* detail) VARN_NOEXCEPT;
+/* Sends CMD with `command` and waits for its ACK and then its DONE or ERROR,
+   all within timeout_ms. A NAK fails at once as varn_send_msg's does. */
+VARN_EXPORT int varn_call_deadline(varnHandle h, const char* command, int timeout_ms,
+                                   uint32_t* category, char* buffer, uint32_t capacity,
+                                   uint32_t* length, char* detail) VARN_NOEXCEPT;
+/* Cancels h's outstanding command: sends INTR with `text` (may be null) and
+   waits, within timeout_ms, for the one DONE or ERROR that ends the command.
+   An answer that was already queued is that one. */
+VARN_EXPORT int varn_cancel(varnHandle h, const char* text, int timeout_ms, uint32_t* category,
+                            char* buffer, uint32_t capacity, uint32_t* length,
+                            char* detail) VARN_NOEXCEPT;
 VARN_EXPORT int varn_recv_msg_len_new(varnHandle h, uint32_t* category, char* buffer,
                                       uint64_t* length) VARN_NOEXCEPT;
 VARN_EXPORT int varn_recv_msg_len(varnHandle h, uint32_t* category, char* buffer,

@@ -167,10 +167,15 @@ enum VarnCategory { VARN_CATEGORY_LIST(VARN_CATEGORY_ENUM_) VARN_CATEGORY_COUNT 
   X(72, FEOF, "Can't perform a remote feof")                                           \
   X(73, FSEEK, "Can't perform a remote fseek")                                         \
   X(74, FTELL, "Can't perform a remote ftell")                                         \
-  X(75, NEW_HANDLE, "Unable to allocate a new varn handle")
+  X(75, NEW_HANDLE, "Unable to allocate a new varn handle")                            \
+  X(76, NO_ACK, "Deadline passed: the command was never acknowledged.")                \
+  X(77, PEER_BUSY, "Deadline passed: the peer is still busy.")                         \
+  X(78, PEER_IDLE, "Deadline passed: the peer is idle and sent nothing.")              \
+  X(79, PEER_SILENT, "Deadline passed: the peer does not answer.")                     \
+  X(80, PEER_EXITED, "The peer exited before it answered.")
 
 #define VARN_ERROR_ENUM_(n, name, text) VARN_E_##name = n,
-enum VarnErrorNumber { VARN_ERROR_LIST(VARN_ERROR_ENUM_) VARN_ERROR_COUNT = 76 };
+enum VarnErrorNumber { VARN_ERROR_LIST(VARN_ERROR_ENUM_) VARN_ERROR_COUNT = 81 };
 #undef VARN_ERROR_ENUM_
 
 #endif /* VARN_CODES_H_ */

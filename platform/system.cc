@@ -15,6 +15,8 @@ namespace varn::platform {
 
 unsigned ProcessId() { return static_cast<unsigned>(getpid()); }
 
+unsigned ParentProcessId() { return static_cast<unsigned>(getppid()); }
+
 bool HostName(char* buf, std::size_t size) {
   if (size == 0 || gethostname(buf, size) != 0) return false;
   buf[size - 1] = '\0';

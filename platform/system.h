@@ -9,6 +9,7 @@
 namespace varn::platform {
 
 unsigned ProcessId();
+unsigned ParentProcessId();
 
 // Host name as gethostname gives it. False on failure.
 bool HostName(char* buf, std::size_t size);

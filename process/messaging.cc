@@ -29,17 +29,12 @@ namespace {
 
 using varn::core::EnterCall;
 using varn::core::Fixed;
+using varn::core::PeerDisabled;
 using varn::core::Row;
 using varn::core::RowState;
 using varn::core::State;
 namespace core = varn::core;
 namespace transport = varn::transport;
-
-bool PeerDisabled(varnHandle h) REQUIRES(core::kLibrary) {
-  const char* name = VarnMessage[h].name;
-  int d;
-  return name != nullptr && core::AnyRowDisabled() && core::FindDisabledEntry(&d, name);
-}
 
 int SendToHub(int category, const char* payload) {
   return varn_send_packet(VARN_HUB_ADDRESS, Fixed().own_address, category, payload, 0);

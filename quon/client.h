@@ -74,6 +74,7 @@ struct Client {
   bool chan_mode_set = false;
   int chan_mode = 0;
   std::vector<std::string> async_disabled;  // addresses named by ASYNC_DISABLE
+  std::uint64_t bad_packets = 0;            // dropped as bad input, in all
 
   std::set<std::uint64_t> peers;            // clients it exchanged packets with
   std::set<std::uint64_t> waiting_senders;  // paused until this client drains

@@ -31,6 +31,11 @@ bool IsAnswer(int category) {
   }
 }
 
+bool IsPowerOfTen(std::uint64_t n) {
+  while (n >= 10 && n % 10 == 0) n /= 10;
+  return n == 1;
+}
+
 constexpr std::int64_t kChannelClosedGraceMs = 2000;
 constexpr std::int64_t kProgramKillGraceMs = 3000;
 
@@ -275,7 +280,18 @@ bool Hub::OnProgramLine(Client& program, std::string_view line) {
 }
 
 void Hub::OnBadPacket(Client& from, const std::string& reason, int count) {
-  log_.Note(Describe(from) + ": bad packet dropped: " + reason);
+  // The first bad packets of a client are logged one by one; after them
+  // only a count at each power of ten, so that a client that keeps sending
+  // garbage between valid packets cannot fill the log or slow the hub down
+  // with writes to it.
+  constexpr std::uint64_t kLoggedOneByOne = 10;
+  std::uint64_t total = ++from.bad_packets;
+  if (total <= kLoggedOneByOne) {
+    log_.Note(Describe(from) + ": bad packet dropped: " + reason);
+  } else if (IsPowerOfTen(total)) {
+    log_.Note(Describe(from) + ": " + std::to_string(total) +
+              " bad packets dropped so far, the last: " + reason);
+  }
   constexpr int kBadPacketsInARow = 10;
   if (count < kBadPacketsInARow) return;
   log_.Note(Describe(from) + ": disconnected after " + std::to_string(count) +

@@ -26,6 +26,17 @@ class CategorySet {
       if (code > 0 && code < VARN_CATEGORY_COUNT) bits_ |= Bit(code);
     }
   }
+  // From a mask with bit c set for each category c.
+  static constexpr CategorySet FromMask(unsigned long long mask) {
+    CategorySet set;
+    set.bits_ = mask & ((1ull << VARN_CATEGORY_COUNT) - 1) & ~1ull;
+    return set;
+  }
+  constexpr CategorySet With(CategorySet other) const {
+    CategorySet set;
+    set.bits_ = bits_ | other.bits_;
+    return set;
+  }
   constexpr bool contains(int code) const {
     return code > 0 && code < VARN_CATEGORY_COUNT && (bits_ & Bit(code)) != 0;
   }

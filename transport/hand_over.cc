@@ -69,7 +69,8 @@ void HandOver::EnableTurns(int wake_fd) {
   wake_fd_ = wake_fd;
 }
 
-HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)()) {
+HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)(),
+                                    std::int64_t deadline_ms) {
   bool wake_producer = false;
   Next next;
   {
@@ -84,6 +85,15 @@ HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)()) {
         producer_waits_ = false;
         // Served without the turn: the request, if any, is withdrawn.
         app_asks_ = false;
+        if (app_reading_) {
+          // The input thread yielded the turn to this take after it had
+          // handed this packet over: no read follows, so no DoneReading
+          // either. Counted as stopped reading now, so that the input thread
+          // takes the turn back while the application is in its own code.
+          app_reading_ = false;
+          app_since_ms_ = platform::MonotonicMillis();
+          if (input_waits_idle_) input_turn_.Signal();
+        }
         next = Next::kPacket;
         break;
       }
@@ -111,7 +121,18 @@ HandOver::Next HandOver::TakeOrRead(PacketBody* packet, void (*before_wait)()) {
         platform::SignalWake(wake_fd_);
         room_.Signal();
       }
-      ready_.Wait(&mutex_);
+      if (deadline_ms < 0) {
+        ready_.Wait(&mutex_);
+        continue;
+      }
+      std::int64_t left = deadline_ms - platform::MonotonicMillis();
+      if (left <= 0) {
+        // Withdrawn: the input thread keeps the turn and goes on reading.
+        app_asks_ = false;
+        next = Next::kTimeout;
+        break;
+      }
+      ready_.WaitFor(&mutex_, static_cast<int>(left));
     }
   }
   if (wake_producer) room_.Signal();

@@ -75,9 +75,12 @@ class HandOver {
   // the turn (kRead: the caller reads the channel, then calls DoneReading),
   // waiting for the input thread to yield it; kClosed when the input ended
   // and everything was taken.
-  enum class Next { kPacket, kRead, kClosed };
+  // With a deadline (platform::MonotonicMillis time; negative for none),
+  // kTimeout once it passed with neither a packet nor the turn.
+  enum class Next { kPacket, kRead, kClosed, kTimeout };
   // before_wait (may be null) runs, without the lock, before it blocks.
-  Next TakeOrRead(PacketBody* packet, void (*before_wait)()) EXCLUDES(mutex_);
+  Next TakeOrRead(PacketBody* packet, void (*before_wait)(), std::int64_t deadline_ms = -1)
+      EXCLUDES(mutex_);
   // Consumer: stopped reading; keeps the turn for now.
   void DoneReading() EXCLUDES(mutex_);
 

@@ -16,6 +16,7 @@
 #include "core/status.h"
 #include "platform/thread.h"
 #include "transport/channel.h"
+#include "transport/deadline.h"
 #include "transport/input_thread.h"
 #include "transport/output.h"
 #include "transport/packet_reader.h"
@@ -215,14 +216,14 @@ void PacketLoop() {
 
 // The application's thread holds the turn: the next packet meant for it,
 // handling interrupts, status queries and pings on the way as the input
-// thread would. False at the channel's end.
-bool ReadForApplication(PacketBody* p) REQUIRES(core::kLibrary) {
+// thread would. kEnd at the channel's end, kTimeout at the deadline.
+ReadResult ReadForApplication(PacketBody* p, std::int64_t deadline_ms) REQUIRES(core::kLibrary) {
   for (;;) {
     // Nothing leaves later than the moment this thread starts to wait.
     if (!HubPacketBuffered()) FlushCorked();
-    ReadResult r = ReadHubPacket(p, -1);
+    ReadResult r = ReadHubPacket(p, -1, deadline_ms);
     if (r == ReadResult::kSkipped) continue;
-    if (r == ReadResult::kEnd) return false;
+    if (r == ReadResult::kEnd || r == ReadResult::kTimeout) return r;
     NextInputCount();
     wire::Header header;
     int category = VARN_NONE;
@@ -233,30 +234,35 @@ bool ReadForApplication(PacketBody* p) REQUIRES(core::kLibrary) {
       // The application's thread is inside the library: as good as held.
       RunInterrupt(*p, category, false);
     } else if (!AnsweredOnArrival(kind, *p, header)) {
-      return true;
+      return ReadResult::kPacket;
     }
     *p = PacketBody{};
   }
 }
 
 // The next packet for the application's thread: handed over, or read by
-// the application's thread itself when it has the turn.
-void TakeNext(PacketBody* p) REQUIRES(core::kLibrary) {
+// the application's thread itself when it has the turn. False when the
+// deadline in force passed first.
+bool TakeNext(PacketBody* p) REQUIRES(core::kLibrary) {
   AllowCorking(false);
-  HandOver::Next next = TakeHandedOverOrRead(p, FlushCorked);
-  if (next == HandOver::Next::kPacket) return;
+  std::int64_t deadline_ms = CurrentDeadline();
+  HandOver::Next next = TakeHandedOverOrRead(p, FlushCorked, deadline_ms);
+  if (next == HandOver::Next::kPacket) return true;
+  if (next == HandOver::Next::kTimeout) return false;
   if (next == HandOver::Next::kClosed) {
     *p = HubLossPacket();
-    return;
+    return true;
   }
-  if (ReadForApplication(p)) {
+  ReadResult r = ReadForApplication(p, deadline_ms);
+  if (r == ReadResult::kPacket) {
     AllowCorking(true);
-  } else {
+  } else if (r == ReadResult::kEnd) {
     // The end of the channel: no one reads it again.
     CloseHandOver();
     *p = HubLossPacket();
   }
   DoneReadingChannel();
+  return r != ReadResult::kTimeout;
 }
 
 class HubChannel final : public Channel {
@@ -268,24 +274,31 @@ class HubChannel final : public Channel {
     bool trace = Fixed().trace;
     if (trace) Diag("(1) thread=%u ReadFile(1)...\n", platform::CurrentThreadId());
     PacketBody p;
+    bool taken = true;
     if (InInterruptContext()) {
       // While an interrupt is handled the packet source is the channel
       // itself: the thread handling it holds the reading turn.
       ReadResult r;
       do {
-        r = ReadHubPacket(&p, -1);
+        r = ReadHubPacket(&p, -1, CurrentDeadline());
       } while (r == ReadResult::kSkipped);
       if (r == ReadResult::kEnd) p = HubLossPacket();
+      taken = r != ReadResult::kTimeout;
     } else {
-      TakeNext(&p);
+      taken = TakeNext(&p);
+    }
+    if (!taken) {
+      // The deadline of the wait passed; VarnErrorNo is the wait's to set.
+      NoteDeadlinePassed();
+      return false;
     }
     if (p.data == nullptr) {
       VarnErrorNo = VARN_E_MALLOC;
       return false;
     }
-    int taken = NextTakenCount();
+    int count = NextTakenCount();
     if (trace) {
-      Diag("thread=%u <<< quonin <--- %d [%06d%s]\n", platform::CurrentThreadId(), taken,
+      Diag("thread=%u <<< quonin <--- %d [%06d%s]\n", platform::CurrentThreadId(), count,
            static_cast<int>(p.length), p.data);
     }
     *body = p.data;

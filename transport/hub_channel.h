@@ -27,6 +27,10 @@ int ReadStreamRecord(int h, int* category, char* buffer, std::int64_t size, std:
 // protocol.cc: puts a message on the wire and waits as its category says.
 int ProtocolStep(int h, int category, const char* payload, std::size_t length)
     REQUIRES(core::kLibrary);
+// protocol.cc: what the answer to a CMD, BEGIN or END now in row h means
+// for the send: 1 for ACK; 0 for NAK (VarnErrorNo 42 when the peer said it
+// is busy) or for the peer's end (13).
+int AcknowledgementOutcome(int h) REQUIRES(core::kLibrary);
 
 }  // namespace varn::transport
 

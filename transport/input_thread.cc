@@ -129,8 +129,9 @@ void HandToApplicationLast(PacketBody body) { g_hand_over->PushLast(body); }
 
 void CloseHandOver() { g_hand_over->Close(); }
 
-HandOver::Next TakeHandedOverOrRead(PacketBody* body, void (*before_wait)()) {
-  return g_hand_over->TakeOrRead(body, before_wait);
+HandOver::Next TakeHandedOverOrRead(PacketBody* body, void (*before_wait)(),
+                                    std::int64_t deadline_ms) {
+  return g_hand_over->TakeOrRead(body, before_wait, deadline_ms);
 }
 void DoneReadingChannel() { g_hand_over->DoneReading(); }
 bool AwaitInputTurn() { return g_hand_over->AwaitTurn(); }

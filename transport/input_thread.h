@@ -57,9 +57,10 @@ bool TakeHandedOver(PacketBody* body) REQUIRES(core::kLibrary);
 
 // The reading turn (hand_over.h), where the channel reads by turns. The
 // application's side: a handed-over body, or the turn to read the channel.
-// before_wait runs (without the hand-over's lock) before the thread waits.
-HandOver::Next TakeHandedOverOrRead(PacketBody* body, void (*before_wait)())
-    REQUIRES(core::kLibrary);
+// before_wait runs (without the hand-over's lock) before the thread waits;
+// kTimeout once deadline_ms (when not negative) passed.
+HandOver::Next TakeHandedOverOrRead(PacketBody* body, void (*before_wait)(),
+                                    std::int64_t deadline_ms) REQUIRES(core::kLibrary);
 void DoneReadingChannel() REQUIRES(core::kLibrary);
 // The input thread's side, and the wake-up descriptor its read waits on.
 bool AwaitInputTurn();

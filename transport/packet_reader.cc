@@ -6,6 +6,7 @@
 #include "core/diag.h"
 #include "core/library_state.h"
 #include "platform/io.h"
+#include "platform/system.h"
 #include "platform/thread.h"
 #include "transport/wire_format.h"
 #include "varn.h"
@@ -43,14 +44,29 @@ long ReadSome(void* buf, std::size_t count) {
   return platform::ReadSome(fd, buf, count);
 }
 
-// Waits until the channel has bytes. False when the wake-up came first.
-bool WaitForBytes(int wake_fd) {
-  if (wake_fd < 0) return true;
-  if (platform::WaitReadableOrWake(ChannelFd(), wake_fd, -1) != platform::Readable::kWake) {
-    return true;
+// Waits until the channel has bytes, the wake-up descriptor (when not
+// negative) is signalled, or the deadline (when not negative) passes.
+enum class Ready { kBytes, kWake, kTimeout };
+Ready WaitForBytes(int wake_fd, std::int64_t deadline_ms) {
+  if (wake_fd < 0 && deadline_ms < 0) return Ready::kBytes;  // the read blocks
+  int timeout_ms = -1;
+  if (deadline_ms >= 0) {
+    std::int64_t left = deadline_ms - platform::MonotonicMillis();
+    timeout_ms = left > 0 ? static_cast<int>(left) : 0;
   }
-  platform::DrainWake(wake_fd);
-  return false;
+  switch (platform::WaitReadableOrWake(ChannelFd(), wake_fd, timeout_ms)) {
+    case platform::Readable::kTimeout:
+      return Ready::kTimeout;
+    case platform::Readable::kWake:
+      platform::DrainWake(wake_fd);
+      return Ready::kWake;
+    default:
+      return Ready::kBytes;
+  }
+}
+
+ReadResult NotReady(Ready ready) {
+  return ready == Ready::kWake ? ReadResult::kWake : ReadResult::kTimeout;
 }
 
 std::size_t Buffered() { return g_end - g_begin; }
@@ -62,11 +78,12 @@ void TakeBuffered(char* dest, std::size_t count) {
   if (g_begin == g_end) g_begin = g_end = 0;
 }
 
-ReadResult ContinueLarge(PacketBody* packet, int wake_fd) {
+ReadResult ContinueLarge(PacketBody* packet, int wake_fd, std::int64_t deadline_ms) {
   char sink[4096];
   while (g_large.got < g_large.length) {
     std::size_t left = g_large.length - g_large.got;
-    if (!WaitForBytes(wake_fd)) return ReadResult::kWake;
+    Ready ready = WaitForBytes(wake_fd, deadline_ms);
+    if (ready != Ready::kBytes) return NotReady(ready);
     char* to = g_large.data != nullptr ? g_large.data + g_large.got : sink;
     std::size_t room = g_large.data != nullptr ? left : (left < sizeof sink ? left : sizeof sink);
     long n = ReadSome(to, room);
@@ -111,8 +128,8 @@ bool HubPacketBuffered() {
          Buffered() >= wire::kLengthDigits + length;
 }
 
-ReadResult ReadHubPacket(PacketBody* packet, int wake_fd) {
-  if (g_large.active) return ContinueLarge(packet, wake_fd);
+ReadResult ReadHubPacket(PacketBody* packet, int wake_fd, std::int64_t deadline_ms) {
+  if (g_large.active) return ContinueLarge(packet, wake_fd, deadline_ms);
   for (;;) {
     std::size_t length = 0;
     Header header = BufferedLength(&length);
@@ -145,7 +162,7 @@ ReadResult ReadHubPacket(PacketBody* packet, int wake_fd) {
         }
         g_large.got = Buffered();
         TakeBuffered(g_large.data, g_large.got);
-        return ContinueLarge(packet, wake_fd);
+        return ContinueLarge(packet, wake_fd, deadline_ms);
       }
     }
     // More bytes are needed: make room behind what is buffered, then read.
@@ -154,7 +171,8 @@ ReadResult ReadHubPacket(PacketBody* packet, int wake_fd) {
       g_end -= g_begin;
       g_begin = 0;
     }
-    if (!WaitForBytes(wake_fd)) return ReadResult::kWake;
+    Ready ready = WaitForBytes(wake_fd, deadline_ms);
+    if (ready != Ready::kBytes) return NotReady(ready);
     long n = ReadSome(g_buffer + g_end, kBufferSize - g_end);
     if (n <= 0) return ReadResult::kEnd;
     g_end += static_cast<std::size_t>(n);

@@ -13,6 +13,7 @@
 #define VARN_TRANSPORT_PACKET_READER_H_
 
 #include <cstddef>
+#include <cstdint>
 
 #include "transport/hand_over.h"
 
@@ -22,14 +23,17 @@ enum class ReadResult {
   kPacket,   // a whole packet body, in a malloc'd block
   kSkipped,  // a packet that could not be allocated was read and dropped
   kWake,     // the wake-up descriptor was signalled before a packet was whole
+  kTimeout,  // the deadline passed before a packet was whole
   kEnd,      // the channel ended, failed, or went out of step
 };
 
 // Reads the next whole packet. Buffered packets are returned without
 // waiting; otherwise the call blocks on the channel and, when wake_fd is
 // not negative, returns kWake once it is signalled (the bytes read so far
-// stay buffered for the next call, by whichever thread makes it).
-ReadResult ReadHubPacket(PacketBody* packet, int wake_fd);
+// stay buffered for the next call, by whichever thread makes it). With a
+// deadline (platform::MonotonicMillis time; negative for none) it returns
+// kTimeout once that passed, the bytes read so far staying buffered too.
+ReadResult ReadHubPacket(PacketBody* packet, int wake_fd, std::int64_t deadline_ms = -1);
 
 // Whether a whole packet is buffered already.
 bool HubPacketBuffered();

@@ -22,20 +22,7 @@ constexpr CategorySet kAcknowledgement = {VARN_ACK, VARN_NAK, VARN_SRVR_ERR};
 
 int AcknowledgementWait(Row& row, int wait_flag) REQUIRES(core::kLibrary) {
   if (!AwaitRow(row.handle(), kAcknowledgement, true, wait_flag)) return 0;
-  switch (row.last_category()) {
-    case VARN_ACK:
-      return 1;
-    case VARN_NAK:
-      if (row.LastLength() != 0 && row.entry().last_data != nullptr &&
-          std::strcmp(row.entry().last_data, "BUSY") == 0) {
-        row.set_send_stream(Stream::kReady);
-        VarnErrorNo = VARN_E_RECEIVER_BUSY;
-      }
-      return 0;
-    default:  // SRVR_ERR: the peer ended
-      VarnErrorNo = VARN_E_CLOSED;
-      return 0;
-  }
+  return AcknowledgementOutcome(row.handle());
 }
 
 // After KILL: every message of the peer is handled until its exit notice
@@ -51,6 +38,24 @@ int ExitWait(Row& row) REQUIRES(core::kLibrary) {
 }
 
 }  // namespace
+
+int AcknowledgementOutcome(int h) {
+  Row row(h);
+  switch (row.last_category()) {
+    case VARN_ACK:
+      return 1;
+    case VARN_NAK:
+      if (row.LastLength() != 0 && row.entry().last_data != nullptr &&
+          std::strcmp(row.entry().last_data, "BUSY") == 0) {
+        row.set_send_stream(Stream::kReady);
+        VarnErrorNo = VARN_E_RECEIVER_BUSY;
+      }
+      return 0;
+    default:  // SRVR_ERR: the peer ended
+      VarnErrorNo = VARN_E_CLOSED;
+      return 0;
+  }
+}
 
 int ProtocolStep(int h, int category, const char* payload, std::size_t length) {
   Row row(h);

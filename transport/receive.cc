@@ -15,6 +15,7 @@
 #include "core/status.h"
 #include "transport/await.h"
 #include "transport/channel.h"
+#include "transport/deadline.h"
 #include "transport/hub_channel.h"
 #include "transport/output.h"
 #include "transport/stream_buffer.h"
@@ -407,6 +408,8 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
         VarnRecvedQuonStatusIdle = 1;
         return 1;
       }
+      // The answer to a query whose wait gave up at its deadline.
+      if (transport::TakeLateStatus(source)) return 1;
       transport::StoreIfKnown(destination, source, category, payload, length);
       return 1;
     case VARN_KILL: {

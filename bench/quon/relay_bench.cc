@@ -14,16 +14,16 @@
 #include <string>
 #include <vector>
 
+#include "bench/quon/raw_client.h"
 #include "platform/event_loop.h"
 #include "platform/io.h"
 #include "platform/spawn.h"
 #include "platform/system.h"
-#include "transport/wire_format.h"
+#include "varn_codes.h"
 
 namespace {
 
 namespace platform = varn::platform;
-namespace wire = varn::wire;
 
 struct Settings {
   long rounds = 20000;
@@ -32,76 +32,9 @@ struct Settings {
   bool sockets = false;
 };
 
-struct Packet {
-  std::string source;
-  int category = 0;
-  std::string payload;
-};
-
-class Channel {
- public:
-  Channel(int in, int out, std::string self) : in_(in), out_(out), self_(std::move(self)) {}
-
-  void Send(const std::string& dest, int category, std::string_view payload) {
-    std::size_t size = wire::PacketSize(dest, self_, category, payload.size());
-    if (scratch_.size() < size) scratch_.resize(size);
-    wire::BuildPacket(scratch_.data(), scratch_.size(), dest, self_, category,
-                      payload.empty() ? nullptr : payload.data(), payload.size(), &size);
-    if (!platform::WriteAll(out_, scratch_.data(), size)) Die("write failed");
-  }
-
-  Packet Receive() {
-    for (;;) {
-      std::size_t have = end_ - start_;
-      std::size_t length = 0;
-      if (have >= 6 && wire::ParseLength(buf_.data() + start_, &length) == wire::WireError::kOk &&
-          have >= 6 + length) {
-        wire::Header h;
-        if (wire::SplitBody(buf_.data() + start_ + 6, length, &h) != wire::WireError::kOk) {
-          Die("bad packet");
-        }
-        Packet p;
-        p.source = h.source;
-        wire::CategoryFromWord(h.word, &p.category);
-        if (h.has_payload) {
-          p.payload.assign(buf_.data() + start_ + 6 + h.payload_offset, h.payload_length);
-          while (!p.payload.empty() && p.payload.back() == '\0') p.payload.pop_back();
-        }
-        start_ += 6 + length;
-        return p;
-      }
-      if (start_ > 0) {
-        std::memmove(buf_.data(), buf_.data() + start_, have);
-        start_ = 0;
-        end_ = have;
-      }
-      if (buf_.size() - end_ < 65536) buf_.resize(buf_.size() + 1048576);
-      long n = platform::ReadSome(in_, buf_.data() + end_, buf_.size() - end_);
-      if (n <= 0) std::exit(0);  // the other side is gone
-      end_ += static_cast<std::size_t>(n);
-    }
-  }
-
-  [[noreturn]] static void Die(const char* why) {
-    std::fprintf(stderr, "quon_relay_bench: %s\n", why);
-    std::exit(3);
-  }
-
- private:
-  int in_;
-  int out_;
-  std::string self_;
-  std::vector<char> scratch_;
-  std::vector<char> buf_;
-  std::size_t start_ = 0;
-  std::size_t end_ = 0;
-};
-
-std::string OwnAddress() {
-  char host[256];
-  if (!platform::HostName(host, sizeof host)) std::strcpy(host, "localhost");
-  return std::to_string(platform::ProcessId()) + "@" + host;
-}
+using varn::bench::Channel;
+using varn::bench::OwnAddress;
+using varn::bench::Packet;
 
 // The peer: acknowledges CMD, counts DATA and reports the count at "last".
 [[noreturn]] void Echo(Channel& ch) {
@@ -209,9 +142,11 @@ int main(int argc, char** argv) {
   std::string mode = "drive";
   int in = -1;
   int out = -1;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : "0"; };
+  std::vector<std::string> args;
+  varn::bench::ChannelOptions(argc, argv, &in, &out, &args);
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto next = [&]() -> const char* { return i + 1 < args.size() ? args[++i].c_str() : "0"; };
     if (a == "--rounds") {
       s.rounds = std::atol(next());
     } else if (a == "--packets") {
@@ -220,14 +155,6 @@ int main(int argc, char** argv) {
       s.size = std::atol(next());
     } else if (a == "--sockets") {
       s.sockets = true;
-    } else if (a == "-quon_quonin") {
-      in = static_cast<int>(std::strtol(next(), nullptr, 16));
-    } else if (a == "-quon_quonout") {
-      out = static_cast<int>(std::strtol(next(), nullptr, 16));
-    } else if (a == "-quon_sockfd") {
-      in = out = std::atoi(next());
-    } else if (a == "-quon_parentid" || a == "-quon_parentname") {
-      next();
     } else if (a == "measure" || a == "echo" || a == "rawecho") {
       mode = a;
     }
@@ -249,11 +176,11 @@ int main(int argc, char** argv) {
     return code;
   }
   // Drive: the hub with this program as its first client.
-  std::vector<std::string> args = {"quon"};
-  if (s.sockets) args.push_back("--sockets");
-  args.push_back(argv[0]);
-  args.push_back("measure");
-  for (auto& a : SettingArgs(s)) args.push_back(a);
+  std::vector<std::string> hub_args = {"quon"};
+  if (s.sockets) hub_args.push_back("--sockets");
+  hub_args.push_back(argv[0]);
+  hub_args.push_back("measure");
+  for (auto& a : SettingArgs(s)) hub_args.push_back(a);
   platform::EventLoop loop;
   int code = -1;
   int pid = -1;
@@ -262,7 +189,7 @@ int main(int argc, char** argv) {
   });
   platform::SpawnRequest r;
   r.program = QUON_BINARY;
-  r.argv = args;
+  r.argv = hub_args;
   platform::SpawnResult spawned = platform::Spawn(r);
   if (spawned.pid < 0) Channel::Die("cannot start quon");
   pid = spawned.pid;

@@ -29,5 +29,6 @@ int varn_header_c_check(void) {
   if (varn_util_category_to_int(word, &code) != 1 || code != VARN_SRVR_ERR) return 0;
   if (varn_get_error_message(VARN_E_MALLOC) == NULL) return 0;
   return h == -1 && row.state == 2 && VARN_CHAN_STANDALONE == 2 &&
-         sizeof(VarnMessage) / sizeof(VarnMessage[0]) == VARN_MAX_ENTRIES && VARN_ERROR_COUNT == 76;
+         sizeof(VarnMessage) / sizeof(VarnMessage[0]) == VARN_MAX_ENTRIES &&
+         VARN_ERROR_COUNT == 81 && VARN_CATEGORY_BIT(VARN_DONE) == ((uint64_t)1 << VARN_DONE);
 }

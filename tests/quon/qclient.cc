@@ -20,6 +20,8 @@
 //   count N                  read N numbered DATA packets, check the order,
 //                            then DATA "counted N" to the parent
 //   garbage N                N framed packets with an unknown word
+//   ask N                    N process-list requests to the hub, reading
+//                            none of the answers
 //   ignore                   read and ignore everything, KILL included
 //
 // Exit codes: 0 done, 3 a step failed, 4 channel ended, 5 hub gone.
@@ -240,6 +242,12 @@ int main(int argc, char** argv) {
         std::snprintf(len, sizeof len, "%06zu", body.size());
         std::string bytes = len + body;
         varn::platform::WriteAll(ch.out, bytes.data(), bytes.size());
+      }
+    } else if (step == "ask") {
+      long n = std::atol(arg(i + 1).c_str());
+      i += 1;
+      for (long k = 0; k < n; ++k) {
+        Send(ch, "quon", "QUERYP?", "NULL@NULL NULL NULL AllProcess ByName");
       }
     } else if (step == "ignore") {
       for (;;) Next(reader, 24 * 3600 * 1000);

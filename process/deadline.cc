@@ -1,0 +1,255 @@
+// The waits with a deadline: varn_wait_deadline, varn_call_deadline and
+// varn_cancel. They wait like varn_wait and varn_send_msg, with every read
+// bounded (transport/deadline.h), and when the deadline passes they ask the
+// peer for its status, bounded too, to tell the caller why nothing came.
+//
+// All run on the application's thread.
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "core/api_entry.h"
+#include "core/rows.h"
+#include "platform/system.h"
+#include "transport/await.h"
+#include "transport/channel.h"
+#include "transport/deadline.h"
+#include "transport/hub_channel.h"
+#include "transport/output.h"
+#include "transport/wire_requests.h"
+#include "varn.h"
+
+namespace {
+
+namespace core = varn::core;
+namespace platform = varn::platform;
+namespace transport = varn::transport;
+namespace wire = varn::wire;
+using core::Row;
+using core::RowState;
+using transport::CategorySet;
+
+constexpr CategorySet kTerminal = {VARN_DONE, VARN_ERROR};
+constexpr CategorySet kAcknowledgement = {VARN_ACK, VARN_NAK};
+constexpr CategorySet kExit = {VARN_SRVR_ERR};
+constexpr CategorySet kStatus = {VARN_STATUS};
+// How long the status query at the deadline may take.
+constexpr int kStatusBoundMinMs = 50;
+constexpr int kStatusBoundMaxMs = 500;
+
+// The caller's out parameters.
+struct Out {
+  uint32_t* category;
+  char* buffer;
+  uint32_t capacity;
+  uint32_t* length;
+  char* detail;
+};
+
+void Clear(const Out& out) {
+  if (out.category != nullptr) *out.category = 0;
+  if (out.length != nullptr) *out.length = 0;
+  if (out.buffer != nullptr && out.capacity > 0) out.buffer[0] = '\0';
+  if (out.detail != nullptr) out.detail[0] = '\0';
+}
+
+void CopyCut(char* to, std::size_t capacity, std::string_view text) {
+  if (to == nullptr || capacity == 0) return;
+  std::size_t n = text.size() < capacity - 1 ? text.size() : capacity - 1;
+  std::memcpy(to, text.data(), n);
+  to[n] = '\0';
+}
+
+int Fail(const Out& out, int error, std::string_view detail = {}) {
+  VarnErrorNo = error;
+  CopyCut(out.detail, VARN_STATUS_TEXT_SIZE, detail);
+  return 0;
+}
+
+// Hands the row's last message to the caller.
+int Deliver(Row& row, const Out& out) REQUIRES(core::kLibrary) {
+  if (out.category != nullptr) *out.category = static_cast<uint32_t>(row.last_category());
+  if (out.length != nullptr) *out.length = static_cast<uint32_t>(row.LastLength());
+  const char* text = row.LastText();
+  CopyCut(out.buffer, out.capacity,
+          text != nullptr ? std::string_view(text, row.LastLength()) : std::string_view());
+  return 1;
+}
+
+// Where the answer of an expected message stands (debug mode, or a
+// disabled peer): DONE, at once, as varn_wait gives there.
+int DeliverDefault(const Out& out) {
+  if (out.category != nullptr) *out.category = VARN_DONE;
+  return 1;
+}
+
+enum class Outcome { kArrived, kExited, kDeadline, kFailed };
+
+// Reads until one of `until`, or the peer's exit notice, is the row's last
+// message, or the deadline passes. Only those of h's messages are taken
+// meanwhile; its others wait in the queue for the calls that expect them.
+Outcome AwaitWithin(Row& row, CategorySet until, std::int64_t deadline_ms)
+    REQUIRES(core::kLibrary) {
+  CategorySet taken = until.With(kExit);
+  row.ClearLast();
+  row.set_waiting(true);
+  bool read;
+  bool passed;
+  {
+    transport::Lane only(row.handle(), taken);
+    transport::ReadDeadline deadline(deadline_ms);
+    read = transport::AwaitUntil([&row, taken] { return taken.contains(row.last_category()); });
+    passed = deadline.Passed();
+  }
+  row.set_waiting(false);
+  if (read) return until.contains(row.last_category()) ? Outcome::kArrived : Outcome::kExited;
+  return passed ? Outcome::kDeadline : Outcome::kFailed;
+}
+
+// What the peer says at the deadline.
+struct PeerState {
+  Outcome outcome = Outcome::kFailed;  // kArrived with status: answered; without: `until` came
+  bool status = false;
+  int code = 0;
+  std::string text;
+};
+
+PeerState AskAtDeadline(Row& row, CategorySet until, int timeout_ms) REQUIRES(core::kLibrary) {
+  int bound = timeout_ms < kStatusBoundMinMs   ? kStatusBoundMinMs
+              : timeout_ms > kStatusBoundMaxMs ? kStatusBoundMaxMs
+                                               : timeout_ms;
+  PeerState state;
+  state.outcome = Outcome::kFailed;
+  if (!varn_send_packet(row.entry().address, row.entry().local_address, VARN_STATUS_Q, nullptr,
+                        0)) {
+    return state;
+  }
+  state.outcome = AwaitWithin(row, until.With(kStatus), platform::MonotonicMillis() + bound);
+  bool answered = state.outcome == Outcome::kArrived && row.last_category() == VARN_STATUS &&
+                  !until.contains(VARN_STATUS);
+  // An answer that did not come in time, or that something expected
+  // overtook, must not reach a later wait on this peer.
+  if (!answered && state.outcome != Outcome::kExited) {
+    transport::NoteLateStatus(row.entry().address);
+  }
+  if (answered) {
+    std::string_view rest;
+    const char* payload = row.LastText();
+    state.status = wire::ParseStatusAnswer(payload != nullptr ? payload : "", &state.code, &rest);
+    state.text.assign(rest);
+  }
+  return state;
+}
+
+// Waits for `until` from the acknowledged (or never asked) peer, and at the
+// deadline says why nothing came.
+int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeout_ms,
+               const Out& out) REQUIRES(core::kLibrary) {
+  Outcome outcome = AwaitWithin(row, until, deadline_ms);
+  if (outcome == Outcome::kArrived) return Deliver(row, out);
+  if (outcome == Outcome::kFailed) return 0;  // VarnErrorNo says why (43: the hub)
+  if (outcome == Outcome::kExited) {
+    const char* text = row.LastText();
+    return Fail(out, VARN_E_PEER_EXITED, text != nullptr ? text : "");
+  }
+  PeerState peer = AskAtDeadline(row, until, timeout_ms);
+  switch (peer.outcome) {
+    case Outcome::kArrived:
+      if (!peer.status) return Deliver(row, out);  // came during the query
+      return Fail(out, peer.code == VARN_STATUS_BUSY ? VARN_E_PEER_BUSY : VARN_E_PEER_IDLE,
+                  peer.text);
+    case Outcome::kExited: {
+      const char* text = row.LastText();
+      return Fail(out, VARN_E_PEER_EXITED, text != nullptr ? text : "");
+    }
+    case Outcome::kDeadline:
+      return Fail(out, VARN_E_PEER_SILENT);
+    case Outcome::kFailed:
+      return 0;
+  }
+  return 0;
+}
+
+std::int64_t DeadlineAfter(int timeout_ms) {
+  return platform::MonotonicMillis() + (timeout_ms > 0 ? timeout_ms : 0);
+}
+
+// Whether the peer is simulated or disabled: then nothing is awaited.
+bool AnsweredAtOnce(varnHandle h) REQUIRES(core::kLibrary) {
+  return transport::ActiveChannel().SimulatesPeers() || core::PeerDisabled(h);
+}
+
+}  // namespace
+
+extern "C" int varn_wait_deadline(varnHandle h, uint64_t categories, int timeout_ms,
+                                  uint32_t* category, char* buffer, uint32_t capacity,
+                                  uint32_t* length, char* detail) noexcept {
+  Out out{category, buffer, capacity, length, detail};
+  Clear(out);
+  if (!core::EnterCall(h)) return 0;
+  if (AnsweredAtOnce(h)) return DeliverDefault(out);
+  Row row(h);
+  if (row.is(RowState::kFree)) return Fail(out, VARN_E_CLOSED);
+  CategorySet until = categories == 0 ? kTerminal : CategorySet::FromMask(categories);
+  return FinishWait(row, until, DeadlineAfter(timeout_ms), timeout_ms, out);
+}
+
+extern "C" int varn_call_deadline(varnHandle h, const char* command, int timeout_ms,
+                                  uint32_t* category, char* buffer, uint32_t capacity,
+                                  uint32_t* length, char* detail) noexcept {
+  Out out{category, buffer, capacity, length, detail};
+  Clear(out);
+  if (!core::EnterCall(h)) return 0;
+  std::int64_t deadline_ms = DeadlineAfter(timeout_ms);
+  if (AnsweredAtOnce(h)) {
+    // Debug mode shows the command as it would go out.
+    if (!varn_send_msg(h, VARN_CMD, command, 0)) return 0;
+    return DeliverDefault(out);
+  }
+  Row row(h);
+  if (row.is(RowState::kExited) && !varnP_reinvoke_process(h)) return 0;
+  if (row.entry().non_velor) return Fail(out, VARN_E_NON_VELOR);
+  if (!row.is(RowState::kActive)) return Fail(out, VARN_E_BAD_HANDLE);
+  transport::SendLockUnlessExempt lock;
+  const char* text = command != nullptr ? command : "";
+  if (!varnP_send_framed(h, VARN_CMD, text, std::strlen(text))) return 0;
+  Outcome outcome = AwaitWithin(row, kAcknowledgement, deadline_ms);
+  if (outcome == Outcome::kFailed) return 0;
+  if (outcome == Outcome::kExited) {
+    const char* notice = row.LastText();
+    return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
+  }
+  if (outcome == Outcome::kDeadline) {
+    PeerState peer = AskAtDeadline(row, kAcknowledgement, timeout_ms);
+    if (peer.outcome == Outcome::kFailed) return 0;
+    if (peer.outcome == Outcome::kExited) {
+      const char* notice = row.LastText();
+      return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
+    }
+    if (peer.outcome == Outcome::kDeadline) return Fail(out, VARN_E_PEER_SILENT);
+    // The peer answered its status but its application has not taken the
+    // command; or the acknowledgement came during the query.
+    if (peer.status) return Fail(out, VARN_E_NO_ACK, peer.text);
+  }
+  if (!transport::AcknowledgementOutcome(h)) {
+    // NAK (42 when busy), as varn_send_msg reports it.
+    return 0;
+  }
+  return FinishWait(row, kTerminal, deadline_ms, timeout_ms, out);
+}
+
+extern "C" int varn_cancel(varnHandle h, const char* text, int timeout_ms, uint32_t* category,
+                           char* buffer, uint32_t capacity, uint32_t* length,
+                           char* detail) noexcept {
+  Out out{category, buffer, capacity, length, detail};
+  Clear(out);
+  if (!core::EnterCall(h)) return 0;
+  std::int64_t deadline_ms = DeadlineAfter(timeout_ms);
+  if (!varn_send_msg(h, VARN_INTR, text, 0)) return 0;
+  if (AnsweredAtOnce(h)) return DeliverDefault(out);
+  Row row(h);
+  if (row.is(RowState::kFree)) return Fail(out, VARN_E_CLOSED);
+  // A DONE or ERROR already queued is the one that ends the command: the
+  // lane hands queued messages over first.
+  return FinishWait(row, kTerminal, deadline_ms, timeout_ms, out);
+}
