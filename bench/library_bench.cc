@@ -409,6 +409,20 @@ RoundTrip HubRoundTrips(varnHandle h, const std::vector<long>& pids, long rounds
   });
 }
 
+// The same round trip as one varn_call_deadline, with a deadline far off:
+// what the deadline path costs when it does not expire.
+RoundTrip DeadlineRoundTrips(varnHandle h, const std::vector<long>& pids, long rounds) {
+  return TimeRoundTrips(pids, 200, rounds, [h] {
+    uint32_t category = 0;
+    uint32_t length = 0;
+    if (!varn_call_deadline(h, "ping", 60000, &category, g_buffer.data(),
+                            static_cast<uint32_t>(g_buffer.size()), &length, nullptr) ||
+        category != VARN_DONE) {
+      Die("call with a deadline");
+    }
+  });
+}
+
 // Seconds from the CMD to the DONE after the stream's END.
 double StreamSeconds(varnHandle h, std::size_t size, long count) {
   char command[64];
@@ -575,10 +589,11 @@ void RoundTrips(const Settings& s, const char* self, long hub, varnHandle server
     bus_pids = {me, static_cast<long>(bus->daemon_pid()), static_cast<long>(bus->server_pid())};
   }
 
-  std::vector<RoundTrip> pipe_runs, hub_runs, bus_runs;
+  std::vector<RoundTrip> pipe_runs, hub_runs, deadline_runs, bus_runs;
   for (long run = 0; run < s.runs; ++run) {
     pipe_runs.push_back(PipePingPong(s.rounds * 10));
     hub_runs.push_back(HubRoundTrips(server, hub_pids, s.rounds));
+    deadline_runs.push_back(DeadlineRoundTrips(server, hub_pids, s.rounds));
     if (bus != nullptr)
       bus_runs.push_back(TimeRoundTrips(bus_pids, 200, s.rounds, [&] { bus->Call(); }));
   }
@@ -605,6 +620,12 @@ void RoundTrips(const Settings& s, const char* self, long hub, varnHandle server
   RoundTrip through_hub = {Median(Seconds(hub_runs)), Median(CpuNs(hub_runs))};
   PrintRoundTrip("through the hub (driver, hub, server)", through_hub, &pipe,
                  bus_runs.empty() ? nullptr : &bus_median);
+  RoundTrip with_deadline = {Median(Seconds(deadline_runs)), Median(CpuNs(deadline_runs))};
+  PrintRoundTrip("the same with a deadline (varn_call_deadline)", with_deadline, &pipe,
+                 bus_runs.empty() ? nullptr : &bus_median);
+  std::fprintf(g_out, "  (with a deadline / without: latency %.2fx, CPU %.2fx)\n",
+               with_deadline.seconds / through_hub.seconds,
+               with_deadline.cpu_ns / through_hub.cpu_ns);
   if (bus_runs.empty()) std::fprintf(g_out, "  bus leg skipped: %s\n", why.c_str());
   auto spreads = [&](std::vector<double> (*field)(const std::vector<RoundTrip>&), double scale) {
     std::string text = "hub " + Spread(field(hub_runs), scale, "%.1f") + ", pipe " +

@@ -31,7 +31,8 @@ if [ ${#bus_need[@]} -gt 0 ]; then
 fi
 
 cmake -S . -B "$dir" "${flags[@]}" >/dev/null
-cmake --build "$dir" -j "$(nproc)" --target handover_bench quon_relay_bench library_bench >/dev/null
+cmake --build "$dir" -j "$(nproc)" --target handover_bench quon_relay_bench quon_isolation_bench \
+  library_bench >/dev/null
 log="$dir/bench-hub.log"
 : >"$log"
 
@@ -50,6 +51,7 @@ echo "$(nproc) cores, $(awk '/MemTotal/ {printf "%.0f GiB", $2 / 1048576}' /proc
 echo
 run "$dir/bench/handover_bench" 100000
 run "$dir/bench/quon/quon_relay_bench"
+run "$dir/bench/quon/quon_isolation_bench"
 run "$dir/bench/library_bench"
 # The same on one core: no wake-up crosses cores, so the figures move far
 # less from run to run (the floors above depend on where the scheduler
