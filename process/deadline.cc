@@ -56,7 +56,7 @@ void Clear(const Out& out) {
 void CopyCut(char* to, std::size_t capacity, std::string_view text) {
   if (to == nullptr || capacity == 0) return;
   std::size_t n = text.size() < capacity - 1 ? text.size() : capacity - 1;
-  std::memcpy(to, text.data(), n);
+  if (n > 0) std::memcpy(to, text.data(), n);
   to[n] = '\0';
 }
 
@@ -108,10 +108,11 @@ Outcome AwaitWithin(Row& row, CategorySet until, std::int64_t deadline_ms)
 
 // What the peer says at the deadline.
 struct PeerState {
-  Outcome outcome = Outcome::kFailed;  // kArrived with status: answered; without: `until` came
+  // kArrived: the status answer came (status), or one of `until` did.
+  Outcome outcome = Outcome::kFailed;
   bool status = false;
-  int code = 0;
-  std::string text;
+  int code = 0;      // VARN_STATUS_*
+  std::string text;  // the status text after the word
 };
 
 PeerState AskAtDeadline(Row& row, CategorySet until, int timeout_ms) REQUIRES(core::kLibrary) {
@@ -135,7 +136,12 @@ PeerState AskAtDeadline(Row& row, CategorySet until, int timeout_ms) REQUIRES(co
   if (answered) {
     std::string_view rest;
     const char* payload = row.LastText();
-    state.status = wire::ParseStatusAnswer(payload != nullptr ? payload : "", &state.code, &rest);
+    state.status = true;
+    // A status word it does not know counts as busy: the peer is alive and
+    // has not answered.
+    if (!wire::ParseStatusAnswer(payload != nullptr ? payload : "", &state.code, &rest)) {
+      state.code = VARN_STATUS_BUSY;
+    }
     state.text.assign(rest);
   }
   return state;
@@ -156,7 +162,7 @@ int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeou
   switch (peer.outcome) {
     case Outcome::kArrived:
       if (!peer.status) return Deliver(row, out);  // came during the query
-      return Fail(out, peer.code == VARN_STATUS_BUSY ? VARN_E_PEER_BUSY : VARN_E_PEER_IDLE,
+      return Fail(out, peer.code == VARN_STATUS_IDLE ? VARN_E_PEER_IDLE : VARN_E_PEER_BUSY,
                   peer.text);
     case Outcome::kExited: {
       const char* text = row.LastText();
