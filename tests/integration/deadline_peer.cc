@@ -120,11 +120,12 @@ int StartServer() {
   return h;
 }
 
+constexpr uint64_t kTerminal = VARN_CATEGORY_BIT(VARN_DONE) | VARN_CATEGORY_BIT(VARN_ERROR);
+
 void KillHub(int) { kill(getppid(), SIGKILL); }
 
 int Client() {
   int s = StartServer();
-  const uint64_t kTerminal = VARN_CATEGORY_BIT(VARN_DONE) | VARN_CATEGORY_BIT(VARN_ERROR);
   // Acknowledged, then busy in its own code past the deadline.
   Run("busy", Call(s, "spin 1500", 300));
   // Still busy: the next command is not even taken.
@@ -146,7 +147,7 @@ int Client() {
   Run("stopped", Call(s, "stop-me", 300));
   kill(std::atoi(VarnMessage[s].address), SIGCONT);
   // The ACK may have been on its way still when it stopped: taken here too.
-  Run("resumed", [s, kTerminal](uint32_t* c, char* b, uint32_t cap, uint32_t* l, char* d) {
+  Run("resumed", [s](uint32_t* c, char* b, uint32_t cap, uint32_t* l, char* d) {
     int r = varn_wait_deadline(s, kTerminal | VARN_CATEGORY_BIT(VARN_ACK), 5000, c, b, cap, l, d);
     if (r && *c == VARN_ACK) r = varn_wait_deadline(s, kTerminal, 5000, c, b, cap, l, d);
     return r;
