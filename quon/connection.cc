@@ -1,5 +1,7 @@
 #include "quon/connection.h"
 
+#include <algorithm>
+
 #include <cerrno>
 #include <string_view>
 #include <utility>
@@ -18,6 +20,10 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // Bytes taken from one client per wake-up, so that one busy client cannot
 // starve the others.
 constexpr std::size_t kReadBudget = 256 * 1024;
+// The same for a client that sent bad packets in its last wake-up: the hub
+// then spends little on its garbage per round, and the others are served
+// between rounds as before. Valid input from it gets the full budget back.
+constexpr std::size_t kBadInputBudget = 4 * 1024;
 constexpr std::size_t kReadEverything = static_cast<std::size_t>(-1);
 // A client's pipe that fills up (a stream) is grown to this once, so that
 // more of the stream is in flight per wake-up of the hub and the client.
@@ -160,8 +166,10 @@ void Connection::Close() {
 }
 
 void Connection::OnReadable() {
-  if (!ReadInput(kReadBudget)) input_ended_ = true;
+  std::uint64_t bad_before = bad_total_;
+  if (!ReadInput(sent_bad_input_ ? kBadInputBudget : kReadBudget)) input_ended_ = true;
   HandleBuffered(false);
+  sent_bad_input_ = bad_total_ != bad_before;
   if (closed_) return;
   if (last_read_ < kFirstReadChunk && framer_.buffered() == 0 &&
       framer_.capacity() > kFirstReadChunk) {
@@ -189,15 +197,16 @@ bool Connection::ReadInput(std::size_t budget) {
   std::size_t& total = last_read_;
   total = 0;
   while (total < budget) {
-    char* p = framer_.Reserve(read_chunk_);
-    long n = platform::ReadSome(read_fd_, p, read_chunk_);
+    std::size_t want = std::min(read_chunk_, budget - total);
+    char* p = framer_.Reserve(want);
+    long n = platform::ReadSome(read_fd_, p, want);
     if (n > 0) {
       std::size_t got = static_cast<std::size_t>(n);
       framer_.Commit(got);
       total += got;
       // A short read means the channel is empty for now; the loop reports
       // it again when more arrives, so asking once more would only fail.
-      if (got < read_chunk_ && budget != kReadEverything) return true;
+      if (got < want && budget != kReadEverything) return true;
       if (got == read_chunk_) {
         if (read_chunk_ < kReadChunk) {
           read_chunk_ *= 2;
@@ -226,6 +235,7 @@ void Connection::HandleBuffered(bool ignore_pause) {
       r = PacketFramer::Result::kBad;
     }
     if (r == PacketFramer::Result::kBad) {
+      ++bad_total_;
       listener_->OnBadPacket(reason, ++bad_in_row_);
       continue;
     }

@@ -23,6 +23,7 @@
 #define VARN_QUON_CONNECTION_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -104,6 +105,8 @@ class Connection final : private platform::RoundEnd {
   PacketFramer framer_;
   OutputBuffer output_;
   int bad_in_row_ = 0;
+  std::uint64_t bad_total_ = 0;  // bad packets dropped, in all
+  bool sent_bad_input_ = false;  // in its last wake-up: read a little at a time
   bool paused_ = false;
   bool congested_ = false;
   bool input_ended_ = false;
