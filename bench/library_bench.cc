@@ -621,7 +621,7 @@ void RoundTrips(const Settings& s, const char* self, long hub, varnHandle server
   PrintRoundTrip("through the hub (driver, hub, server)", through_hub, &pipe,
                  bus_runs.empty() ? nullptr : &bus_median);
   RoundTrip with_deadline = {Median(Seconds(deadline_runs)), Median(CpuNs(deadline_runs))};
-  PrintRoundTrip("the same with a deadline (varn_call_deadline)", with_deadline, &pipe,
+  PrintRoundTrip("with a deadline (varn_call_deadline)", with_deadline, &pipe,
                  bus_runs.empty() ? nullptr : &bus_median);
   std::fprintf(g_out, "  (with a deadline / without: latency %.2fx, CPU %.2fx)\n",
                with_deadline.seconds / through_hub.seconds,
