@@ -43,6 +43,15 @@ ReadDeadline::~ReadDeadline() NO_THREAD_SAFETY_ANALYSIS {
 
 bool ReadDeadline::Passed() const { return g_passed; }
 
+NoReadDeadline::NoReadDeadline() : outer_deadline_ms_(g_deadline_ms), outer_passed_(g_passed) {
+  g_deadline_ms = -1;
+}
+
+NoReadDeadline::~NoReadDeadline() NO_THREAD_SAFETY_ANALYSIS {
+  g_deadline_ms = outer_deadline_ms_;
+  g_passed = outer_passed_;
+}
+
 std::int64_t CurrentDeadline() { return g_deadline_ms; }
 
 void NoteDeadlinePassed() { g_passed = true; }

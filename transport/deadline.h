@@ -38,6 +38,20 @@ class ReadDeadline {
   bool outer_passed_;
 };
 
+// For its lifetime no deadline is in force: a callback that runs during a
+// wait with a deadline waits, if it does, as it would anywhere else.
+class NoReadDeadline {
+ public:
+  NoReadDeadline() REQUIRES(core::kLibrary);
+  ~NoReadDeadline();
+  NoReadDeadline(const NoReadDeadline&) = delete;
+  NoReadDeadline& operator=(const NoReadDeadline&) = delete;
+
+ private:
+  std::int64_t outer_deadline_ms_;
+  bool outer_passed_;
+};
+
 // The deadline in force, or -1 for none.
 std::int64_t CurrentDeadline() REQUIRES(core::kLibrary);
 // A read gave up at the current deadline.

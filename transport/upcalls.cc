@@ -1,6 +1,7 @@
 #include "transport/upcalls.h"
 
 #include "core/rows.h"
+#include "transport/deadline.h"
 #include "varn.h"
 
 namespace varn::transport {
@@ -33,6 +34,9 @@ extern "C" void varnP_set_callback(VarnCallback callback) noexcept {
 extern "C" void varnP_call_callback(varnHandle h) noexcept {
   varn::core::OnApplicationThread();
   VarnCallback callback = varn::transport::g_callback;
+  // The callback's own waits are not bound by the deadline of the wait
+  // that read its message.
+  varn::transport::NoReadDeadline unbounded;
   if (h >= 0 && varn::core::ValidHandle(h)) {
     varn::core::Row row(h);
     if (row.waiting()) {

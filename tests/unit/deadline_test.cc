@@ -1,0 +1,38 @@
+// The deadline scopes of the transport's reads.
+#include "transport/deadline.h"
+
+#include <gtest/gtest.h>
+
+namespace varn::transport {
+namespace {
+
+TEST(ReadDeadlineTest, ScopesNestAndACallbackScopeLiftsTheDeadline) {
+  EXPECT_EQ(CurrentDeadline(), -1);
+  {
+    ReadDeadline outer(1000);
+    EXPECT_EQ(CurrentDeadline(), 1000);
+    {
+      NoReadDeadline callback;
+      EXPECT_EQ(CurrentDeadline(), -1);
+      ReadDeadline inner(500);
+      NoteDeadlinePassed();
+      EXPECT_TRUE(inner.Passed());
+    }
+    // What passed inside the callback is not the outer wait's deadline.
+    EXPECT_EQ(CurrentDeadline(), 1000);
+    EXPECT_FALSE(outer.Passed());
+  }
+  EXPECT_EQ(CurrentDeadline(), -1);
+}
+
+TEST(ReadDeadlineTest, LateStatusAnswersAreCountedOffByAddress) {
+  NoteLateStatus("1@h");
+  NoteLateStatus("1@h");
+  EXPECT_FALSE(TakeLateStatus("2@h"));
+  EXPECT_TRUE(TakeLateStatus("1@h"));
+  EXPECT_TRUE(TakeLateStatus("1@h"));
+  EXPECT_FALSE(TakeLateStatus("1@h"));
+}
+
+}  // namespace
+}  // namespace varn::transport
