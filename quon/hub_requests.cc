@@ -17,6 +17,10 @@ bool NameMatches(std::string_view name, std::string_view wanted) {
 
 bool Hub::HandleRequest(Client& from, const Packet& packet) {
   std::string_view text = packet.text();
+  if (wire::IsFileRequest(packet.category)) {
+    FileReply reply = from.files->Handle(packet.category, packet.raw_payload());
+    return Reply(from, reply.category, reply.payload);
+  }
   switch (packet.category) {
     case VARN_SRVR_ERR:
       // The client's exit notice: acknowledge, then tell those concerned.
@@ -63,19 +67,6 @@ bool Hub::HandleRequest(Client& from, const Packet& packet) {
     case VARN_INVOKERE:
     case VARN_INVOKERN:
       return HandleStartRequest(from, packet);
-    case VARN_FOPEN:
-    case VARN_FCLOSE:
-    case VARN_FREAD:
-    case VARN_FWRITE:
-    case VARN_FREWIND:
-    case VARN_FUNLINK:
-    case VARN_FSTAT:
-    case VARN_FEOF:
-    case VARN_FSEEK:
-    case VARN_FTELL: {
-      FileReply reply = from.files->Handle(packet.category, packet.raw_payload());
-      return Reply(from, reply.category, reply.payload);
-    }
     case VARN_PING:
     case VARN_ACK:
       return true;

@@ -226,6 +226,24 @@ const char* FileTypeWord(int type) {
   return type >= 1 && type <= 2 ? kTypeWords[type - 1] : nullptr;
 }
 
+bool IsFileRequest(int category) {
+  switch (category) {
+    case VARN_FOPEN:
+    case VARN_FCLOSE:
+    case VARN_FREAD:
+    case VARN_FWRITE:
+    case VARN_FREWIND:
+    case VARN_FUNLINK:
+    case VARN_FSTAT:
+    case VARN_FEOF:
+    case VARN_FSEEK:
+    case VARN_FTELL:
+      return true;
+    default:
+      return false;
+  }
+}
+
 bool FileModeFromWord(std::string_view word, int* mode) {
   for (int i = 1; i <= 3; ++i) {
     if (word == kModeWords[i - 1]) {

@@ -97,6 +97,9 @@ HubCommand ParseHubCommand(std::string_view text);
 // Every request but FWRITE is a text; FSTAT and FUNLINK carry a path, the
 // others name the file by the number the hub gave it.
 
+// Whether the category is one of the file requests the hub serves.
+bool IsFileRequest(int category);
+
 // Mode codes 1 READ, 2 WRITE, 3 APPEND; type codes 1 TEXT, 2 BINARY.
 // nullptr / false for any other code or word.
 const char* FileModeWord(int mode);

@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "bench/quon/raw_client.h"
-#include "platform/event_loop.h"
 #include "platform/io.h"
 #include "platform/spawn.h"
 #include "platform/system.h"
@@ -31,6 +30,7 @@ namespace {
 
 namespace platform = varn::platform;
 using varn::bench::Channel;
+using varn::bench::Echo;
 using varn::bench::Packet;
 
 struct Settings {
@@ -58,27 +58,6 @@ double NowMicros() {
   return std::chrono::duration<double, std::micro>(
              std::chrono::steady_clock::now().time_since_epoch())
       .count();
-}
-
-// The pair's peer: acknowledges CMD, counts DATA, reports the count at "last".
-[[noreturn]] void Echo(Channel& ch) {
-  long count = 0;
-  for (;;) {
-    Packet p = ch.Receive();
-    if (p.category == VARN_CMD) {
-      ch.Send(p.source, VARN_ACK, {});
-    } else if (p.category == VARN_DATA && p.payload == "last") {
-      ch.Send(p.source, VARN_DATA, "count " + std::to_string(count));
-      count = 0;
-    } else if (p.category == VARN_DATA) {
-      ++count;
-    } else if (p.category == VARN_KILL) {
-      ch.Send("quon", VARN_SRVR_ERR, "bench done");
-      while (ch.Receive().category != VARN_ACK) {
-      }
-      std::exit(0);
-    }
-  }
 }
 
 [[noreturn]] void Stall() {
@@ -257,24 +236,7 @@ int main(int argc, char** argv) {
     return code;
   }
   // Drive: the hub with this program as its first client.
-  platform::EventLoop loop;
-  int code = -1;
-  int pid = -1;
-  loop.WatchChildExits([&](int p, platform::ChildStatus st) {
-    if (p == pid) code = st.signaled ? 128 + st.value : st.value;
-  });
-  platform::SpawnRequest r;
-  r.program = QUON_BINARY;
-  r.argv = {"quon",
-            argv[0],
-            "measure",
-            "--rounds",
-            std::to_string(s.rounds),
-            "--packets",
-            std::to_string(s.packets)};
-  platform::SpawnResult spawned = platform::Spawn(r);
-  if (spawned.pid < 0) Channel::Die("cannot start quon");
-  pid = spawned.pid;
-  while (code < 0) loop.RunOnce(1000);
-  return code;
+  return varn::bench::RunHub(
+      QUON_BINARY, {"quon", argv[0], "measure", "--rounds", std::to_string(s.rounds), "--packets",
+                    std::to_string(s.packets)});
 }

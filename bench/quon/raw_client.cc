@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/event_loop.h"
 #include "platform/io.h"
+#include "platform/spawn.h"
 #include "platform/system.h"
 #include "transport/wire_format.h"
 
@@ -55,6 +57,43 @@ Packet Channel::Receive() {
 void Channel::Die(const char* why) {
   std::fprintf(stderr, "quon bench: %s\n", why);
   std::exit(3);
+}
+
+void Echo(Channel& ch) {
+  long count = 0;
+  for (;;) {
+    Packet p = ch.Receive();
+    if (p.category == VARN_CMD) {
+      ch.Send(p.source, VARN_ACK, {});
+    } else if (p.category == VARN_DATA && p.payload == "last") {
+      ch.Send(p.source, VARN_DATA, "count " + std::to_string(count));
+      count = 0;
+    } else if (p.category == VARN_DATA) {
+      ++count;
+    } else if (p.category == VARN_KILL) {
+      ch.Send("quon", VARN_SRVR_ERR, "bench done");
+      while (ch.Receive().category != VARN_ACK) {
+      }
+      std::exit(0);
+    }
+  }
+}
+
+int RunHub(const char* quon, const std::vector<std::string>& argv) {
+  platform::EventLoop loop;
+  int code = -1;
+  int pid = -1;
+  loop.WatchChildExits([&](int p, platform::ChildStatus st) {
+    if (p == pid) code = st.signaled ? 128 + st.value : st.value;
+  });
+  platform::SpawnRequest r;
+  r.program = quon;
+  r.argv = argv;
+  platform::SpawnResult spawned = platform::Spawn(r);
+  if (spawned.pid < 0) Channel::Die("cannot start quon");
+  pid = spawned.pid;
+  while (code < 0) loop.RunOnce(1000);
+  return code;
 }
 
 std::string OwnAddress() {

@@ -41,6 +41,15 @@ class Channel {
   std::size_t end_ = 0;
 };
 
+// The peer of the benchmarks' pairs: acknowledges CMD, counts DATA and
+// reports the count (DATA "count N") at a DATA "last"; at KILL it sends its
+// exit notice and exits.
+[[noreturn]] void Echo(Channel& ch);
+
+// Runs the hub binary with these arguments (argv[0] first) to its end; its
+// exit code, or 128 + the signal that ended it.
+int RunHub(const char* quon, const std::vector<std::string>& argv);
+
 // pid@host, as the hub names this process.
 std::string OwnAddress();
 

@@ -33,29 +33,9 @@ struct Settings {
 };
 
 using varn::bench::Channel;
+using varn::bench::Echo;
 using varn::bench::OwnAddress;
 using varn::bench::Packet;
-
-// The peer: acknowledges CMD, counts DATA and reports the count at "last".
-[[noreturn]] void Echo(Channel& ch) {
-  long count = 0;
-  for (;;) {
-    Packet p = ch.Receive();
-    if (p.category == VARN_CMD) {
-      ch.Send(p.source, VARN_ACK, {});
-    } else if (p.category == VARN_DATA && p.payload == "last") {
-      ch.Send(p.source, VARN_DATA, "count " + std::to_string(count));
-      count = 0;
-    } else if (p.category == VARN_DATA) {
-      ++count;
-    } else if (p.category == VARN_KILL) {
-      ch.Send("quon", VARN_SRVR_ERR, "bench done");
-      while (ch.Receive().category != VARN_ACK) {
-      }
-      std::exit(0);
-    }
-  }
-}
 
 struct Result {
   double round_trip_us;
@@ -181,18 +161,5 @@ int main(int argc, char** argv) {
   hub_args.push_back(argv[0]);
   hub_args.push_back("measure");
   for (auto& a : SettingArgs(s)) hub_args.push_back(a);
-  platform::EventLoop loop;
-  int code = -1;
-  int pid = -1;
-  loop.WatchChildExits([&](int p, platform::ChildStatus st) {
-    if (p == pid) code = st.signaled ? 128 + st.value : st.value;
-  });
-  platform::SpawnRequest r;
-  r.program = QUON_BINARY;
-  r.argv = hub_args;
-  platform::SpawnResult spawned = platform::Spawn(r);
-  if (spawned.pid < 0) Channel::Die("cannot start quon");
-  pid = spawned.pid;
-  while (code < 0) loop.RunOnce(1000);
-  return code;
+  return varn::bench::RunHub(QUON_BINARY, hub_args);
 }

@@ -95,24 +95,6 @@ void CheckOutsideUntouched() {
   FUZZ_CHECK(ReadFile(g_scratch->outside / "secret") == kMarker);
 }
 
-bool IsFileRequest(int category) {
-  switch (category) {
-    case VARN_FOPEN:
-    case VARN_FCLOSE:
-    case VARN_FREAD:
-    case VARN_FWRITE:
-    case VARN_FREWIND:
-    case VARN_FUNLINK:
-    case VARN_FSTAT:
-    case VARN_FEOF:
-    case VARN_FSEEK:
-    case VARN_FTELL:
-      return true;
-    default:
-      return false;
-  }
-}
-
 bool IsNumber(std::string_view text) {
   if (text.empty()) return false;
   for (char c : text) {
@@ -171,7 +153,8 @@ void HandleLines(OpenFiles* files, std::string_view text) {
     text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
     std::size_t blank = line.find(' ');
     int category = 0;
-    if (!wire::CategoryFromWord(line.substr(0, blank), &category) || !IsFileRequest(category)) {
+    if (!wire::CategoryFromWord(line.substr(0, blank), &category) ||
+        !wire::IsFileRequest(category)) {
       continue;
     }
     Handle(files, category,
