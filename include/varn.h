@@ -277,7 +277,7 @@ VARN_EXPORT int varn_wait_for_any_from_handle(varnHandle h, uint32_t* category, 
                                               int force) VARN_NOEXCEPT;
 
 /* ---- Waits with a deadline -------------------------------------------------
-   Each waits at most timeout_ms (0 or more) for what it expects from h and
+   Each waits at most timeout_ms (a negative one counts as 0) for what it expects from h and
    then tells why nothing came, in VarnErrorNo, with a text in `detail` (a
    buffer of VARN_STATUS_TEXT_SIZE bytes, or null):
      76 VARN_E_NO_ACK       the command was never acknowledged: the peer's

@@ -11,6 +11,7 @@
 #include "core/api_entry.h"
 #include "core/rows.h"
 #include "platform/system.h"
+#include "process/sending.h"
 #include "transport/await.h"
 #include "transport/channel.h"
 #include "transport/deadline.h"
@@ -212,10 +213,8 @@ extern "C" int varn_call_deadline(varnHandle h, const char* command, int timeout
     if (!varn_send_msg(h, VARN_CMD, command, 0)) return 0;
     return DeliverDefault(out);
   }
+  if (!varn::process::RowTakesMessage(h, VARN_CMD)) return 0;
   Row row(h);
-  if (row.is(RowState::kExited) && !varnP_reinvoke_process(h)) return 0;
-  if (row.entry().non_velor) return Fail(out, VARN_E_NON_VELOR);
-  if (!row.is(RowState::kActive)) return Fail(out, VARN_E_BAD_HANDLE);
   transport::SendLockUnlessExempt lock;
   const char* text = command != nullptr ? command : "";
   if (!varnP_send_framed(h, VARN_CMD, text, std::strlen(text))) return 0;

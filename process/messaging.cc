@@ -16,6 +16,7 @@
 #include "core/rows.h"
 #include "core/status.h"
 #include "platform/system.h"
+#include "process/sending.h"
 #include "transport/await.h"
 #include "transport/channel.h"
 #include "transport/output.h"
@@ -64,6 +65,21 @@ void Since(int64_t mark_s, int mark_ms, uint32_t* seconds, uint32_t* micros) {
 
 // ---- Sending ----------------------------------------------------------------
 
+bool varn::process::RowTakesMessage(int h, int category) {
+  Row row(h);
+  if (row.is(RowState::kExited) && !varnP_reinvoke_process(h)) return false;
+  if (row.entry().non_velor && category != VARN_KILL && category != VARN_INTR &&
+      category != VARN_DATA) {
+    VarnErrorNo = VARN_E_NON_VELOR;
+    return false;
+  }
+  if (!row.is(RowState::kActive)) {
+    VarnErrorNo = VARN_E_BAD_HANDLE;
+    return false;
+  }
+  return true;
+}
+
 extern "C" int varn_send_msg(varnHandle h, int category, const char* data,
                              int64_t length) noexcept {
   if (!EnterCall(h)) return 0;
@@ -75,17 +91,8 @@ extern "C" int varn_send_msg(varnHandle h, int category, const char* data,
       row.set_state(RowState::kFree);
       return 1;
     }
-    if (!varnP_reinvoke_process(h)) return 0;
   }
-  if (row.entry().non_velor && category != VARN_KILL && category != VARN_INTR &&
-      category != VARN_DATA) {
-    VarnErrorNo = VARN_E_NON_VELOR;
-    return 0;
-  }
-  if (!row.is(RowState::kActive)) {
-    VarnErrorNo = VARN_E_BAD_HANDLE;
-    return 0;
-  }
+  if (!varn::process::RowTakesMessage(h, category)) return 0;
   varn::transport::SendLockUnlessExempt lock;
   return varn_send_send_msg(h, category, data, length > 0 ? static_cast<size_t>(length) : 0);
 }
