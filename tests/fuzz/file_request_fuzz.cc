@@ -200,7 +200,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (r == PacketFramer::Result::kNeedMore) break;
       if (r != PacketFramer::Result::kPacket) continue;
       any = true;
-      if (IsFileRequest(p.category)) Handle(&files, p.category, p.raw_payload());
+      if (wire::IsFileRequest(p.category)) Handle(&files, p.category, p.raw_payload());
     }
     if (!any) HandleLines(&files, std::string_view(reinterpret_cast<const char*>(data), size));
   }
