@@ -17,8 +17,11 @@
 //     stream read back with varn_recv_data, against bulk bytes through one
 //     pipe (64 KiB writes and reads).
 //
-//   build/bench/library_bench [--runs N] [--rounds N] [--small N] [--large N]
+//   build/bench/library_bench [--no-links] [--runs N] [--rounds N] [--small N] [--large N]
 //
+// By default the hub links the driver and its server (quon's default), so
+// their packets do not cross it; --no-links starts the hub with that
+// option, and every packet is relayed.
 // --runs is the number of runs behind each median (7), --rounds the number
 // of round trips in a run (3000: of the hub, of the bus and at each step of
 // the scaling; the pipe does ten times as many), --small and --large the
@@ -66,6 +69,7 @@ constexpr std::size_t kPipeChunk = 65536;
 // Every timed figure is the median of `runs` runs, each run measuring the
 // figure and its floor one after the other so that both see the same load.
 struct Settings {
+  bool links = false;  // the hub started this process with direct links
   long runs = 7;
   long rounds = 3000;
   long small = 1000000;
@@ -546,6 +550,11 @@ void MemoryAndScaling(const Settings& s, const char* self, long hub, varnHandle 
                Spread(CpuNs(step.runs), 1e-3 / 3, "%.2f");
   }
   std::fprintf(g_out, "  (runs, hub CPU/packet in us: %s)\n", spreads.c_str());
+  if (s.links) {
+    std::fprintf(g_out,
+                 "  (the driver and its server are linked: their packets do not cross the hub;"
+                 " run with --no-links for the relay)\n");
+  }
 }
 
 // One row of the round-trip table: latency and CPU time, each beside its
@@ -618,8 +627,9 @@ void RoundTrips(const Settings& s, const char* self, long hub, varnHandle server
     PrintRoundTrip("bus method call (driver, daemon, server)", bus_median, &pipe, nullptr);
   }
   RoundTrip through_hub = {Median(Seconds(hub_runs)), Median(CpuNs(hub_runs))};
-  PrintRoundTrip("through the hub (driver, hub, server)", through_hub, &pipe,
-                 bus_runs.empty() ? nullptr : &bus_median);
+  PrintRoundTrip(
+      s.links ? "varn, on a link (driver, server)" : "through the hub (driver, hub, server)",
+      through_hub, &pipe, bus_runs.empty() ? nullptr : &bus_median);
   RoundTrip with_deadline = {Median(Seconds(deadline_runs)), Median(CpuNs(deadline_runs))};
   PrintRoundTrip("with a deadline (varn_call_deadline)", with_deadline, &pipe,
                  bus_runs.empty() ? nullptr : &bus_median);
@@ -642,6 +652,10 @@ void RoundTrips(const Settings& s, const char* self, long hub, varnHandle server
 
 void Drive(const Settings& s, const char* self) {
   long hub = static_cast<long>(getppid());
+  std::fprintf(g_out, "%s\n",
+               s.links
+                   ? "packets between the driver and its server: on their own link (the default)"
+                   : "packets between the driver and its server: through the hub (--no-links)");
   varnHandle server = StartServer();
   if (!varn_send_msg(server, VARN_CMD, "ping", 0)) Die("send");
   Expect(server, VARN_DONE);
@@ -687,8 +701,17 @@ int StartUnderHub(int argc, char** argv) {
     self = path;
   }
   std::string dir = self.substr(0, self.rfind('/'));
-  std::vector<std::string> args = {"quon", "--path", dir, self};
-  for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
+  std::vector<std::string> args = {"quon", "--path", dir};
+  std::vector<std::string> own;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--no-links") == 0) {
+      args.emplace_back(argv[i]);  // the hub's option: every packet crosses it
+    } else {
+      own.emplace_back(argv[i]);
+    }
+  }
+  args.push_back(self);
+  args.insert(args.end(), own.begin(), own.end());
   std::vector<char*> raw;
   for (auto& a : args) raw.push_back(a.data());
   raw.push_back(nullptr);
@@ -710,8 +733,10 @@ int main(int argc, char** argv) {
     for (;;) pause();
   }
   bool under_hub = false;
+  bool links = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "-quon_parentid") == 0) under_hub = true;
+    if (std::strcmp(argv[i], "-quon_links") == 0) links = true;
   }
   if (!under_hub) return StartUnderHub(argc, argv);
 
@@ -727,6 +752,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   Settings s;
+  s.links = links;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     long* target = a == "--runs"     ? &s.runs
@@ -736,7 +762,8 @@ int main(int argc, char** argv) {
                                      : nullptr;
     if (target == nullptr || i + 1 >= argc) {
       std::fprintf(stderr,
-                   "usage: library_bench [--runs N] [--rounds N] [--small N] [--large N]\n");
+                   "usage: library_bench [--no-links] [--runs N] [--rounds N] [--small N] "
+                   "[--large N]\n");
       std::exit(2);
     }
     *target = std::atol(argv[++i]);

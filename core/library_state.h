@@ -31,6 +31,7 @@ struct Setup {
   bool stderr_flag = false;
   bool noconsole_flag = false;
   bool noheader_flag = false;
+  bool links_flag = false;  // the hub sets up direct links (-quon_links)
 
   // Channel descriptors.
   int socket_fd = -1;

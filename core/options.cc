@@ -31,6 +31,7 @@ constexpr Option kOptions[] = {
     {"-quon_noconsole", OptionKind::kFlag}, {"-quon_sleep", OptionKind::kOne},
     {"-quon_stderr", OptionKind::kFlag},    {"-quon_channels", OptionKind::kOne},
     {"-quon_quonin", OptionKind::kOne},     {"-quon_quonout", OptionKind::kOne},
+    {"-quon_links", OptionKind::kFlag},
 };
 
 // Applies one recognised option. False when a copy fails.
@@ -54,6 +55,7 @@ bool ApplyOption(const char* name, char** args, std::vector<EnableOption>* enabl
     return true;
   }
   if (is("-quon_noheader")) return setup.noheader_flag = true;
+  if (is("-quon_links")) return setup.links_flag = true;
   if (is("-quon_outfile")) return CopyArg(&s.opt_outfile, args[0]);
   if (is("-quon_parentid")) {
     VarnChanType = VARN_CHAN_PIPE;

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #include <cerrno>
@@ -109,6 +110,39 @@ Readable WaitReadableOrWake(int fd, int wake_fd, int timeout_ms) {
     if (r < 0 || p[0].revents != 0) return Readable::kData;
     return Readable::kWake;
   }
+}
+
+Readable WaitReadableAmong(const int* fds, bool* ready, int count, int wake_fd, int timeout_ms) {
+  pollfd p[kMaxWaitFds + 1];
+  if (count > kMaxWaitFds) count = kMaxWaitFds;
+  for (int i = 0; i < count; ++i) p[i] = {fds[i], POLLIN, 0};
+  int n = count;
+  if (wake_fd >= 0) p[n++] = {wake_fd, POLLIN, 0};
+  for (;;) {
+    int r = poll(p, static_cast<nfds_t>(n), timeout_ms);
+    if (r == 0) return Readable::kTimeout;
+    if (r < 0 && errno == EINTR) continue;
+    bool any = false;
+    for (int i = 0; i < count; ++i) {
+      // A failure of poll itself is left for the reads to report.
+      ready[i] = r < 0 || p[i].revents != 0;
+      any = any || ready[i];
+    }
+    return any ? Readable::kData : Readable::kWake;
+  }
+}
+
+bool CreateFifo(const char* path) { return mkfifo(path, 0600) == 0; }
+
+int OpenFifoEnd(const char* path, bool write) {
+  int fd = open(path, (write ? O_WRONLY : O_RDONLY) | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return kInvalidFd;
+  // Non-blocking only so that the open does not wait for the other side.
+  if (!SetNonBlocking(fd, false)) {
+    close(fd);
+    return kInvalidFd;
+  }
+  return fd;
 }
 
 int CreateWakeFd() {

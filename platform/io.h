@@ -53,6 +53,21 @@ bool WaitReadable(int fd, int timeout_ms);
 enum class Readable { kData, kWake, kTimeout };
 Readable WaitReadableOrWake(int fd, int wake_fd, int timeout_ms);
 
+// Waits for any of `count` descriptors to become readable (or reach their
+// end), for wake_fd (when not negative) to be signalled, or for the timeout.
+// On kData, ready[i] tells which descriptors have something. At most
+// kMaxWaitFds descriptors.
+inline constexpr int kMaxWaitFds = 64;
+Readable WaitReadableAmong(const int* fds, bool* ready, int count, int wake_fd, int timeout_ms);
+
+// A named pipe at path with mode 0600. False (errno kept) when it cannot be
+// made.
+bool CreateFifo(const char* path);
+// Opens one end of a named pipe without waiting for the other side: the
+// read end at once; the write end only while some reader has the pipe open
+// (kInvalidFd otherwise). The descriptor is close-on-exec and blocking.
+int OpenFifoEnd(const char* path, bool write);
+
 // A wake-up descriptor: one thread signals it, another waits for it with
 // WaitReadableOrWake and drains it. kInvalidFd when none can be made.
 int CreateWakeFd();

@@ -25,6 +25,7 @@
 #include "transport/channel.h"
 #include "transport/data_batch.h"
 #include "transport/input_thread.h"
+#include "transport/links.h"
 #include "transport/upcalls.h"
 #include "varn.h"
 
@@ -236,6 +237,7 @@ extern "C" int varn_init(int* argc, char** argv, varnHandle* parent) noexcept {
   if (!LearnIdentity()) return 0;
   if (!SetUpStreamsAndChannels()) return Fail(VARN_E_ALREADY_INIT);
   varn::transport::ChooseChannel(setup.debug_flag);
+  varn::transport::EnableLinks(setup.links_flag && !setup.debug_flag);
 
   int count = core::ActiveCount();
   for (int i = 0; i < count; ++i) VarnMessage[i] = VarnEntry{};
@@ -266,6 +268,9 @@ extern "C" int varn_deinit(void) noexcept {
   // In socket mode the last lines of error output go to the hub before the
   // exit notice does.
   varn::transport::StopErrorForwarding();
+  // Peers read a link to its end before they take the hub's notice that
+  // this process ended: the links close first.
+  varn::transport::CloseLinks();
   if (VarnErrorNo != VARN_E_DAEMON_GONE) {
     // Row 0 becomes the hub's row for the farewell.
     core::Row row(0);

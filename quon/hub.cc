@@ -46,7 +46,10 @@ std::string ExitText(platform::ChildStatus status) {
 }
 
 Hub::Hub(platform::EventLoop& loop, Log& log, HubConfig config)
-    : loop_(loop), log_(log), config_(std::move(config)) {}
+    : loop_(loop),
+      log_(log),
+      config_(std::move(config)),
+      links_(config_.link_directory, platform::ProcessId()) {}
 
 Hub::~Hub() = default;
 
@@ -350,6 +353,9 @@ void Hub::Announce(Client& client, std::string_view text) {
   };
   if (client.parent_id != 0) tell(client.parent_id);
   for (std::uint64_t id : client.peers) tell(id);
+  std::vector<LinkBroker::Out> out;
+  links_.Ended(client.id, &out);
+  SendLinkControls(out);
 }
 
 void Hub::OnChildExit(int pid, platform::ChildStatus status) {

@@ -24,6 +24,7 @@
 #include "platform/spawn.h"
 #include "quon/client.h"
 #include "quon/control_endpoint.h"
+#include "quon/link_broker.h"
 #include "quon/log.h"
 #include "quon/packet_framer.h"
 #include "quon/session_view.h"
@@ -38,6 +39,9 @@ struct HubConfig {
   QueueLimits limits;
   int grace_ms = 3000;   // wait for exit notices after KILL before SIGKILL
   int child_stderr = 2;  // descriptor that becomes the clients' fd 2
+  // Direct links between pairs of clients (link_broker.h): the directory
+  // their pipes are made in; empty for none.
+  std::string link_directory;
 };
 
 class Hub {
@@ -87,6 +91,9 @@ class Hub {
   std::string ProcessList() const;
   std::string QueueReport() const;
   std::string FindServer(std::string_view query) const;
+  // A "link ..." PING from a client (link_broker.h).
+  bool HandleLinkControl(Client& from, const wire::LinkControl& control);
+  bool SendLinkControls(const std::vector<LinkBroker::Out>& out);
 
   // Relaying and programs without the protocol (hub.cc).
   bool Relay(Client& from, Client& to, const Packet& packet);
@@ -128,6 +135,7 @@ class Hub {
   std::unordered_map<std::string, std::uint64_t> live_by_address_;
   std::unordered_map<int, std::uint64_t> by_pid_;
   WaitTracker waits_{clients_};
+  LinkBroker links_;
   ControlEndpoint* control_ = nullptr;
   std::uint64_t next_id_ = 1;
   std::uint64_t first_id_ = 0;

@@ -67,7 +67,13 @@ bool Hub::HandleRequest(Client& from, const Packet& packet) {
     case VARN_INVOKERE:
     case VARN_INVOKERN:
       return HandleStartRequest(from, packet);
-    case VARN_PING:
+    case VARN_PING: {
+      wire::LinkControl control;
+      if (wire::ParseLinkControl(packet.raw_payload(), &control)) {
+        return HandleLinkControl(from, control);
+      }
+      return true;
+    }
     case VARN_ACK:
       return true;
     default:
@@ -75,6 +81,35 @@ bool Hub::HandleRequest(Client& from, const Packet& packet) {
                 " is not a request the hub serves, dropped");
       return true;
   }
+}
+
+bool Hub::HandleLinkControl(Client& from, const wire::LinkControl& control) {
+  Client* peer = FindLive(control.peer);
+  if (peer == nullptr || !peer->protocol()) return true;
+  std::vector<LinkBroker::Out> out;
+  if (control.verb == wire::LinkVerb::kWant) {
+    links_.Want({from.id, from.address}, {peer->id, peer->address}, &out);
+    if (!links_.last_error().empty()) log_.Note(links_.last_error());
+  } else if (control.verb == wire::LinkVerb::kReady) {
+    links_.Ready(from.id, peer->id, control.ok, &out);
+    if (!control.ok) log_.Note(Describe(from) + " could not open its link with " + Describe(*peer));
+  }
+  bool go_on = SendLinkControls(out);
+  if (control.verb == wire::LinkVerb::kReady && control.ok && !out.empty()) {
+    log_.Note(Describe(from) + " " + from.address + " and " + Describe(*peer) + " " +
+              peer->address + " linked");
+  }
+  return go_on;
+}
+
+bool Hub::SendLinkControls(const std::vector<LinkBroker::Out>& out) {
+  bool go_on = true;
+  for (const LinkBroker::Out& o : out) {
+    Client* to = FindById(o.to);
+    if (to == nullptr || !to->live) continue;
+    go_on = Send(nullptr, *to, to->address, wire::kHubAddress, VARN_PING, o.payload) && go_on;
+  }
+  return go_on;
 }
 
 bool Hub::HandleCommand(Client& from, std::string_view text) {

@@ -120,6 +120,7 @@ Client* Hub::StartClient(ClientKind kind, const std::string& program,
     request.argv.insert(request.argv.end(), {"-quon_parentid", client->parent_address});
     if (parent != nullptr)
       request.argv.insert(request.argv.end(), {"-quon_parentname", parent->name});
+    if (!config_.link_directory.empty()) request.argv.push_back("-quon_links");
     if (!StartProtocolChannel(*client, &request.argv, &request.fds, &child_ends, &hub_read,
                               &hub_write)) {
       *error = "cannot create a channel: " + platform::ErrorText(platform::LastError());

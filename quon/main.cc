@@ -74,6 +74,7 @@ int Run(int argc, char** argv) {
   config.limits.low_water = options.queue_limit / 2;
   config.grace_ms = options.grace_ms;
   config.child_stderr = log_fd;
+  if (!options.no_links) config.link_directory = quon::DefaultControlDirectory();
   quon::Hub hub(loop, log, std::move(config));
   if (!hub.Init(&error)) {
     log.Note(error);

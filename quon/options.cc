@@ -23,6 +23,8 @@ const char kUsage[] =
     "                      PATH (default: $XDG_RUNTIME_DIR/quon-PID.ctl, or\n"
     "                      /tmp/quon-PID.ctl)\n"
     "  --no-control        serve no control endpoint\n"
+    "  --no-links          relay every packet; give no pair of clients a link of\n"
+    "                      its own\n"
     "  --help              show this text\n"
     "  --version           show the version\n";
 
@@ -74,6 +76,8 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       options->sockets = true;
     } else if (name == "--no-control") {
       options->no_control = true;
+    } else if (name == "--no-links") {
+      options->no_links = true;
     } else if (name == "--control") {
       if (!take_value()) return false;
       if (value.empty()) {

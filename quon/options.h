@@ -18,6 +18,7 @@ struct Options {
   int grace_ms = 3000;                 // --grace MS
   std::string control;                 // --control PATH ("": the default path)
   bool no_control = false;             // --no-control
+  bool no_links = false;               // --no-links
   bool help = false;
   bool version = false;
   std::vector<std::string> program;  // PROGRAM and its arguments

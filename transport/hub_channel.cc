@@ -179,7 +179,7 @@ void PacketLoop() {
     FlushCorked();
     if (Fixed().trace) Diag("@@@ Thread=%u ReadFile(1)...\n", platform::CurrentThreadId());
     PacketBody packet;
-    ReadResult r = ReadHubPacket(&packet, InputTurnWakeFd());
+    ReadResult r = ReadHubPacket(&packet, InputTurnWakeFd(), -1, FlushCorked);
     if (r == ReadResult::kWake) {
       YieldInputTurnIfAsked();
       continue;
@@ -220,8 +220,7 @@ void PacketLoop() {
 ReadResult ReadForApplication(PacketBody* p, std::int64_t deadline_ms) REQUIRES(core::kLibrary) {
   for (;;) {
     // Nothing leaves later than the moment this thread starts to wait.
-    if (!HubPacketBuffered()) FlushCorked();
-    ReadResult r = ReadHubPacket(p, -1, deadline_ms);
+    ReadResult r = ReadHubPacket(p, -1, deadline_ms, FlushCorked);
     if (r == ReadResult::kSkipped) continue;
     if (r == ReadResult::kEnd || r == ReadResult::kTimeout) return r;
     NextInputCount();

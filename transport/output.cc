@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/diag.h"
@@ -16,7 +18,9 @@
 #include "transport/channel.h"
 #include "transport/data_batch.h"
 #include "transport/hub_channel.h"
+#include "transport/links.h"
 #include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 #include "varn.h"
 
 namespace {
@@ -83,30 +87,60 @@ bool LockWire() TRY_ACQUIRE(true, g_wire_lock) {
 }
 
 // Acknowledgements that wait to leave with the next packet written, or
-// until their writer next waits for input (see SendAcknowledgement).
+// until their writer next waits for input (see SendAcknowledgement). They
+// all go the same way: through the hub, or on one link.
 constexpr std::size_t kCorkCapacity = 1024;
 char g_corked[kCorkCapacity] GUARDED_BY(g_wire_lock);
 std::size_t g_corked_size GUARDED_BY(g_wire_lock) = 0;
+int g_corked_route GUARDED_BY(g_wire_lock) = -1;
 std::atomic<bool> g_corked_pending{false};  // g_corked_size > 0, readable without the lock
 
 // Whether the application's thread may cork its acknowledgements now.
 thread_local bool t_cork_allowed = false;
 
-// Writes the corked acknowledgements, then size bytes of buffer (none when
-// null), to the hub: together in one system call when there are both.
-// 0 or the error number; the corked bytes are gone either way.
-int WriteWithCorked(const char* buffer, std::size_t size) REQUIRES(g_wire_lock) {
-  const char* first = g_corked;
-  std::size_t first_left = g_corked_size;
-  const char* second = buffer;
-  std::size_t second_left = buffer != nullptr ? size : 0;
-  g_corked_size = 0;
-  g_corked_pending.store(false, std::memory_order_relaxed);
-  if (first_left == 0) {
-    first = second;
-    first_left = second_left;
-    second_left = 0;
+// The destination of a built packet (after its length digits).
+std::string_view DestinationOf(const char* packet, std::size_t size) {
+  std::string_view rest(packet, size);
+  rest.remove_prefix(rest.size() < wire::kLengthDigits ? rest.size() : wire::kLengthDigits);
+  return rest.substr(0, rest.find(' '));
+}
+
+// Where a built packet goes: the write end of a link to its destination,
+// or -1 for the hub.
+int RouteOf(const char* packet, std::size_t size) REQUIRES(g_wire_lock) {
+  return varn::transport::LinkWriteFd(DestinationOf(packet, size));
+}
+
+// Writes a, then b (when b_size > 0), on a link: one system call for both
+// where it can. A link whose peer closed its end carries nothing more; the
+// bytes are dropped, as the hub drops packets for a process that ended, and
+// the hub's notice of its end follows.
+void WriteToLink(int fd, const char* a, std::size_t a_size, const char* b, std::size_t b_size) {
+  while (a_size > 0) {
+    long n = b_size > 0 ? platform::WriteGather(fd, false, a, a_size, b, b_size)
+                        : platform::WriteSome(fd, a, a_size);
+    if (n <= 0) {
+      if (n < 0 && (platform::LastError() == EINTR || platform::LastError() == EAGAIN)) continue;
+      varn::transport::LinkWriteFailed(fd);
+      return;
+    }
+    std::size_t written = static_cast<std::size_t>(n);
+    if (written >= a_size) {
+      written -= a_size;
+      a = b + written;
+      a_size = b_size - written;
+      b_size = 0;
+    } else {
+      a += written;
+      a_size -= written;
+    }
   }
+}
+
+// Writes a, then b (when b_size > 0), to the hub: together in one system
+// call when there are both. 0 or the error number.
+int WriteToHubChannel(const char* first, std::size_t first_left, const char* second,
+                      std::size_t second_left) {
   bool socket = VarnChanType == VARN_CHAN_SOCKET;
   int fd = socket ? Fixed().socket_fd : Fixed().quonout_fd;
   while (first_left > 0) {
@@ -138,17 +172,47 @@ int WriteWithCorked(const char* buffer, std::size_t size) REQUIRES(g_wire_lock) 
   return 0;
 }
 
+int WriteRoute(int route, const char* a, std::size_t a_size, const char* b, std::size_t b_size) {
+  if (route < 0) return WriteToHubChannel(a, a_size, b, b_size);
+  WriteToLink(route, a, a_size, b, b_size);
+  return 0;
+}
+
+// Writes the corked acknowledgements, then size bytes of buffer (none when
+// null), each the way it goes: together in one system call when they go the
+// same way. 0 or the error number; the corked bytes are gone either way.
+int WriteWithCorked(const char* buffer, std::size_t size) REQUIRES(g_wire_lock) {
+  std::size_t corked = g_corked_size;
+  int corked_route = g_corked_route;
+  g_corked_size = 0;
+  g_corked_pending.store(false, std::memory_order_relaxed);
+  if (buffer == nullptr || size == 0) {
+    return corked > 0 ? WriteRoute(corked_route, g_corked, corked, nullptr, 0) : 0;
+  }
+  int route = RouteOf(buffer, size);
+  if (corked == 0) return WriteRoute(route, buffer, size, nullptr, 0);
+  if (route == corked_route) return WriteRoute(route, g_corked, corked, buffer, size);
+  int error = WriteRoute(corked_route, g_corked, corked, nullptr, 0);
+  int second = WriteRoute(route, buffer, size, nullptr, 0);
+  return error != 0 ? error : second;
+}
+
 // Writes a whole packet to the hub; 0 or the error number.
 int WritePacket(char* buffer, std::size_t size) {
   varn::transport::SendLockUnlessExempt send_lock;
+  bool through_hub = false;
   {
     // A hold that arrives while this thread has bytes of a packet on the
     // channel waits until the packet is whole.
     platform::DeferHoldScope defer;
     if (!LockWire()) return VARN_E_PIPE_WRITE;
+    through_hub = RouteOf(buffer, size) < 0;
     int error = WriteWithCorked(buffer, size);
     g_wire_lock.Unlock();
     if (error != 0) return error;
+  }
+  if (through_hub && varn::transport::LinksEnabled()) {
+    varn::transport::MaybeAskForLink(DestinationOf(buffer, size));
   }
   // Packets sent outside exchanges are not traced: the error-forwarding
   // thread's trace line would go back into the error pipe and be forwarded
@@ -247,9 +311,13 @@ int SendAcknowledgement(const char* destination, const char* source) {
   platform::DeferHoldScope defer;
   g_wire_lock.Lock();
   int error = 0;
-  if (g_corked_size + size > kCorkCapacity) error = WriteWithCorked(nullptr, 0);
+  int route = RouteOf(packet, size);
+  if (g_corked_size + size > kCorkCapacity || (g_corked_size > 0 && route != g_corked_route)) {
+    error = WriteWithCorked(nullptr, 0);
+  }
   std::memcpy(g_corked + g_corked_size, packet, size);
   g_corked_size += size;
+  g_corked_route = route;
   g_corked_pending.store(true, std::memory_order_relaxed);
   g_wire_lock.Unlock();
   if (error != 0) {
@@ -257,6 +325,25 @@ int SendAcknowledgement(const char* destination, const char* source) {
     return 0;
   }
   return 1;
+}
+
+int SendLinkOver(const char* peer) {
+  std::string payload = wire::BuildLinkControl({wire::LinkVerb::kOver, {}, {}, {}, true});
+  char packet[VARN_STATUS_TEXT_SIZE];
+  std::size_t size = 0;
+  if (wire::BuildPacket(packet, sizeof packet, peer, Fixed().own_address, VARN_PING, payload.data(),
+                        payload.size(), &size) != wire::WireError::kOk) {
+    return VARN_E_TOO_LONG;
+  }
+  WireOnlyScope wire_only;
+  platform::DeferHoldScope defer;
+  if (!LockWire()) return VARN_E_PIPE_WRITE;
+  // Nothing else can go to the peer between this PING, the last packet to
+  // it through the hub, and the switch.
+  int error = WriteWithCorked(packet, size);
+  if (error == 0) varn::transport::StartWritingLink(peer);
+  g_wire_lock.Unlock();
+  return error;
 }
 
 void FlushCorked() {

@@ -6,7 +6,9 @@
 //      threads sending at once do not interleave their exchanges;
 //   2. the wire lock: held while the bytes of one packet go onto the
 //      channel, so packets of different threads never interleave. It is the
-//      socket write lock, used for pipes as well.
+//      socket write lock, used for pipes as well;
+//   3. the link table's mutex (links.h), taken under the wire lock to choose
+//      between the hub and a peer's link for each packet.
 // Threads that send outside any exchange take only the wire lock: the
 // error-forwarding thread (its STDERR lines), and the input thread when it
 // answers a status query. Waiting for the send lock there could deadlock:
@@ -47,6 +49,11 @@ int SendAcknowledgement(const char* destination, const char* source);
 void AllowCorking(bool on);
 // Writes corked acknowledgements now, if there are any.
 void FlushCorked();
+
+// Writes the "link over" PING to peer through the hub and, under the same
+// hold of the wire lock, switches packets to peer onto its link
+// (links.h). 0 or the error number.
+int SendLinkOver(const char* peer);
 
 // Holds the send lock for a scope. Two kinds of thread are exempt and take
 // nothing: one that handles an interrupt (the held application's thread may

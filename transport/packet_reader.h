@@ -33,10 +33,11 @@ enum class ReadResult {
 // stay buffered for the next call, by whichever thread makes it). With a
 // deadline (platform::MonotonicMillis time; negative for none) it returns
 // kTimeout once that passed, the bytes read so far staying buffered too.
-ReadResult ReadHubPacket(PacketBody* packet, int wake_fd, std::int64_t deadline_ms = -1);
-
-// Whether a whole packet is buffered already.
-bool HubPacketBuffered();
+// before_block (may be null) runs each time before the call waits for
+// bytes: after every packet it returns, and every link control it carried
+// out itself, was taken from the buffers.
+ReadResult ReadHubPacket(PacketBody* packet, int wake_fd, std::int64_t deadline_ms = -1,
+                         void (*before_block)() = nullptr);
 
 }  // namespace varn::transport
 

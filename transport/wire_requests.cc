@@ -1,6 +1,7 @@
 #include "transport/wire_requests.h"
 
 #include <charconv>
+#include <iterator>
 
 #include "transport/wire_format.h"
 
@@ -216,6 +217,65 @@ HubCommand ParseHubCommand(std::string_view text) {
   command.verb = text.substr(0, blank);
   if (blank != std::string_view::npos) command.argument = text.substr(blank + 1);
   return command;
+}
+
+namespace {
+
+constexpr std::string_view kLinkWord = "link";
+constexpr std::string_view kLinkVerbs[] = {"want", "open", "ready", "go", "drop", "over"};
+
+// The next blank-separated word of *rest, moving *rest past it.
+std::string_view NextWord(std::string_view* rest) {
+  std::size_t blank = rest->find(' ');
+  std::string_view word = rest->substr(0, blank);
+  *rest = blank == std::string_view::npos ? std::string_view() : rest->substr(blank + 1);
+  return word;
+}
+
+}  // namespace
+
+std::string BuildLinkControl(const LinkControl& control) {
+  std::string text(kLinkWord);
+  text += ' ';
+  text += kLinkVerbs[static_cast<int>(control.verb)];
+  if (control.verb == LinkVerb::kOver) return text;
+  text += ' ';
+  text += control.peer;
+  if (control.verb == LinkVerb::kOpen) {
+    text += ' ';
+    text += control.in_path;
+    text += ' ';
+    text += control.out_path;
+  } else if (control.verb == LinkVerb::kReady) {
+    text += control.ok ? " ok" : " fail";
+  }
+  return text;
+}
+
+bool ParseLinkControl(std::string_view payload, LinkControl* control) {
+  std::string_view rest = WithoutPadding(payload);
+  if (NextWord(&rest) != kLinkWord) return false;
+  std::string_view verb = NextWord(&rest);
+  int index = -1;
+  for (int i = 0; i < static_cast<int>(std::size(kLinkVerbs)); ++i) {
+    if (verb == kLinkVerbs[i]) index = i;
+  }
+  if (index < 0) return false;
+  *control = LinkControl{};
+  control->verb = static_cast<LinkVerb>(index);
+  if (control->verb == LinkVerb::kOver) return rest.empty();
+  control->peer = NextWord(&rest);
+  if (control->peer.empty()) return false;
+  if (control->verb == LinkVerb::kOpen) {
+    control->in_path = NextWord(&rest);
+    control->out_path = NextWord(&rest);
+    if (control->in_path.empty() || control->out_path.empty()) return false;
+  } else if (control->verb == LinkVerb::kReady) {
+    std::string_view word = NextWord(&rest);
+    if (word != "ok" && word != "fail") return false;
+    control->ok = word == "ok";
+  }
+  return rest.empty();
 }
 
 const char* FileModeWord(int mode) {

@@ -92,6 +92,34 @@ struct HubCommand {
 };
 HubCommand ParseHubCommand(std::string_view text);
 
+// ---- Direct links (PING payloads) ------------------------------------------
+//
+// Two processes that exchange messages can be given a pair of pipes of their
+// own, so that their packets stop crossing the hub. The setting-up travels
+// in PING packets, which a process that takes no part in it drops:
+//   "link want PEER"           process -> hub: it would like a link with PEER;
+//                              the hub sets one up once both sides want it
+//   "link open PEER IN OUT"    hub -> each side: the paths of the pipe it
+//                              reads (IN) and of the one it writes (OUT)
+//   "link ready PEER ok|fail"  process -> hub: both ends opened, or not
+//   "link go PEER"             hub -> each side, once both are ready
+//   "link drop PEER"           hub -> each side: the setting-up failed
+//   "link over"                process -> PEER, through the hub: the last
+//                              packet of it that crosses the hub; all later
+//                              ones come on the link
+// Addresses and paths are single words.
+enum class LinkVerb { kWant, kOpen, kReady, kGo, kDrop, kOver };
+struct LinkControl {
+  LinkVerb verb = LinkVerb::kWant;
+  std::string_view peer;      // empty for kOver
+  std::string_view in_path;   // kOpen
+  std::string_view out_path;  // kOpen
+  bool ok = true;             // kReady
+};
+std::string BuildLinkControl(const LinkControl& control);
+// False when the payload is not a link control (then the PING is a plain one).
+bool ParseLinkControl(std::string_view payload, LinkControl* control);
+
 // ---- Remote file requests (FOPEN ... FTELL) --------------------------------
 //
 // Every request but FWRITE is a text; FSTAT and FUNLINK carry a path, the

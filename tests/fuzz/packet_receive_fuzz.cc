@@ -58,9 +58,11 @@ constexpr const char* kStartingCommand = "sim";  // the address of a row an asyn
 
 // Empties the packet reader's state (see the include above).
 void ResetPacketReader() {
-  std::free(transport::g_large.data);
-  transport::g_large = transport::LargeBody{};
-  transport::g_begin = transport::g_end = 0;
+  transport::g_sources.clear();
+  transport::g_next = 0;
+  std::free(transport::g_notice.data);
+  transport::g_notice = transport::PacketBody{};
+  transport::EndDrain();
 }
 
 // The hub's loss, as the hub channel hands it over once its input ended:

@@ -82,7 +82,8 @@ TEST_P(QuonHubTest, StartsClientsWithTheirOptionsAndAnnouncesTheirExit) {
   EXPECT_TRUE(s.ExpectPayload("DATA", a,
                               "qclient|args|fds|cwd|send|parent|DATA|two  words|exit|0|"
                               "-quon_parentid|" +
-                                  s.address() + "|-quon_parentname|" BRIDGE_BINARY "|" + channel));
+                                  s.address() + "|-quon_parentname|" BRIDGE_BINARY "|-quon_links|" +
+                                  channel));
   // Only the standard descriptors and the channel reach the client.
   EXPECT_TRUE(s.ExpectPayload("DATA", a, GetParam() ? "fds 0 1 2 3" : "fds 0 1 2 3 4"));
   EXPECT_TRUE(s.ExpectPayload("DATA", a, "cwd " + fs::current_path().string()));

@@ -11,6 +11,7 @@
 #include "platform/spawn.h"
 #include "platform/system.h"
 #include "quon/file_service.h"
+#include "quon/link_broker.h"
 #include "quon/packet_framer.h"
 #include "quon/start_request.h"
 #include "tests/support/launcher.h"
@@ -267,6 +268,87 @@ TEST(QuonEventLoopTest, RunsTimersInOrderAndDeliversSignals) {
   loop.RunOnce(1000);
   EXPECT_EQ(calls, 1);
   for (int fd : {fds[0], fds[1], fds2[0], fds2[1]}) platform::Close(fd);
+}
+
+// The payload each client was sent, in order, as "ID VERB".
+std::vector<std::string> Sent(const std::vector<LinkBroker::Out>& out) {
+  std::vector<std::string> sent;
+  for (const LinkBroker::Out& o : out) {
+    wire::LinkControl c;
+    EXPECT_TRUE(wire::ParseLinkControl(o.payload, &c)) << o.payload;
+    sent.push_back(std::to_string(o.to) + " " + o.payload.substr(5, o.payload.find(' ', 5) - 5));
+  }
+  return sent;
+}
+
+TEST(QuonLinkBrokerTest, LinksAPairOnlyOnceBothAskedAndCleansUpEveryWay) {
+  std::string dir = test_support::TestOutputDir("broker");
+  LinkBroker broker(dir, 42);
+  LinkBroker::Party a{1, "10@h"}, b{2, "20@h"}, c{3, "30@h"};
+  std::vector<LinkBroker::Out> out;
+  broker.Want(a, b, &out);
+  EXPECT_TRUE(out.empty());  // b has not asked
+  broker.Want(b, a, &out);
+  ASSERT_EQ(Sent(out), (std::vector<std::string>{"1 open", "2 open"}));
+  // Each side reads what the other writes.
+  wire::LinkControl to_a, to_b;
+  ASSERT_TRUE(wire::ParseLinkControl(out[0].payload, &to_a));
+  ASSERT_TRUE(wire::ParseLinkControl(out[1].payload, &to_b));
+  EXPECT_EQ(to_a.peer, "20@h");
+  EXPECT_EQ(to_a.in_path, to_b.out_path);
+  EXPECT_EQ(to_a.out_path, to_b.in_path);
+  std::string path(to_a.in_path);
+  EXPECT_TRUE(fs::exists(path));
+  // A side opens its write end without waiting: the broker holds a reader.
+  int writer = platform::OpenFifoEnd(path.c_str(), true);
+  EXPECT_GE(writer, 0);
+  platform::Close(writer);
+
+  out.clear();
+  broker.Ready(1, 2, true, &out);
+  EXPECT_TRUE(out.empty());
+  broker.Ready(2, 1, true, &out);
+  EXPECT_EQ(Sent(out), (std::vector<std::string>{"1 go", "2 go"}));
+  EXPECT_FALSE(fs::exists(path));  // the names go once both hold their ends
+  EXPECT_EQ(broker.links(), 1u);
+  out.clear();
+  broker.Want(a, b, &out);  // already linked
+  broker.Want(b, a, &out);
+  EXPECT_TRUE(out.empty());
+
+  // A side that cannot open its ends drops the link on both sides.
+  broker.Want(a, c, &out);
+  broker.Want(c, a, &out);
+  ASSERT_TRUE(wire::ParseLinkControl(out[0].payload, &to_a));
+  path = std::string(to_a.in_path);
+  out.clear();
+  broker.Ready(3, 1, false, &out);
+  EXPECT_EQ(Sent(out), (std::vector<std::string>{"1 drop", "3 drop"}));
+  EXPECT_FALSE(fs::exists(path));
+
+  // A client that ends while its link is being set up: the other side is
+  // told; one that ends after it was linked is forgotten.
+  out.clear();
+  broker.Want(b, c, &out);
+  broker.Want(c, b, &out);
+  ASSERT_TRUE(wire::ParseLinkControl(out[0].payload, &to_b));
+  path = std::string(to_b.in_path);
+  out.clear();
+  broker.Ended(3, &out);
+  EXPECT_EQ(Sent(out), (std::vector<std::string>{"2 drop"}));
+  EXPECT_FALSE(fs::exists(path));
+  out.clear();
+  broker.Ended(1, &out);
+  EXPECT_TRUE(out.empty());
+  EXPECT_EQ(broker.links(), 0u);
+}
+
+TEST(QuonLinkBrokerTest, WithoutADirectoryNothingIsLinked) {
+  LinkBroker broker("", 42);
+  std::vector<LinkBroker::Out> out;
+  broker.Want({1, "10@h"}, {2, "20@h"}, &out);
+  broker.Want({2, "20@h"}, {1, "10@h"}, &out);
+  EXPECT_TRUE(out.empty());
 }
 
 }  // namespace

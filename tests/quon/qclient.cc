@@ -143,6 +143,8 @@ int main(int argc, char** argv) {
       ch.parent = argv[++i];
     } else if (a == "-quon_parentname" && has_value) {
       ++i;
+    } else if (a == "-quon_links") {
+      // A raw client never asks for links, so the hub sets none up for it.
     } else {
       steps.push_back(a);
     }

@@ -152,5 +152,35 @@ TEST(WireFileRequestTest, EveryRequestRoundTrips) {
   EXPECT_FALSE(ParseWriteRequest("3 9 ab", &number, &got));  // fewer bytes than counted
 }
 
+TEST(WireRequestsTest, LinkControlsRoundTripAndStrangersArePlainPings) {
+  LinkControl c;
+  c.verb = LinkVerb::kOpen;
+  c.peer = "12@host";
+  c.in_path = "/run/q-1b";
+  c.out_path = "/run/q-1a";
+  std::string text = BuildLinkControl(c);
+  EXPECT_EQ(text, "link open 12@host /run/q-1b /run/q-1a");
+  LinkControl got;
+  std::string padded = text + std::string(2, '\0');
+  ASSERT_TRUE(ParseLinkControl(padded, &got));
+  EXPECT_EQ(got.verb, LinkVerb::kOpen);
+  EXPECT_EQ(got.peer, "12@host");
+  EXPECT_EQ(got.in_path, "/run/q-1b");
+  EXPECT_EQ(got.out_path, "/run/q-1a");
+
+  ASSERT_TRUE(ParseLinkControl(BuildLinkControl({LinkVerb::kReady, "7@h", {}, {}, false}), &got));
+  EXPECT_EQ(got.verb, LinkVerb::kReady);
+  EXPECT_FALSE(got.ok);
+  EXPECT_EQ(BuildLinkControl({LinkVerb::kOver, "ignored", {}, {}, true}), "link over");
+  ASSERT_TRUE(ParseLinkControl("link over", &got));
+  EXPECT_EQ(got.verb, LinkVerb::kOver);
+
+  // Anything else is a plain PING's payload, dropped as before.
+  for (const char* other : {"", "hello", "link", "link jump 1@h", "link open 1@h /only-one",
+                            "link ready 1@h maybe", "link go", "link over now", "link go 1@h x"}) {
+    EXPECT_FALSE(ParseLinkControl(other, &got)) << other;
+  }
+}
+
 }  // namespace
 }  // namespace varn::wire

@@ -1,0 +1,193 @@
+#include "transport/links.h"
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "core/library_state.h"
+#include "platform/io.h"
+#include "platform/mutex.h"
+#include "transport/output.h"
+#include "transport/wire_format.h"
+#include "transport/wire_requests.h"
+#include "varn.h"
+
+namespace varn::transport {
+namespace {
+
+struct Link {
+  std::string peer;
+  int read_fd = -1;   // until "link over" hands it to the reader
+  int write_fd = -1;  // kept while the link is up
+  bool writing = false;
+};
+
+// Peers asked for at most: beyond them packets go through the hub.
+constexpr std::size_t kMaxAsked = 64;
+
+std::atomic<bool> g_enabled{false};
+platform::Mutex g_mutex;
+// Never destroyed: other threads may still send while the process exits.
+std::vector<Link>& g_links GUARDED_BY(g_mutex) = *new std::vector<Link>;
+std::vector<std::string>& g_asked GUARDED_BY(g_mutex) = *new std::vector<std::string>;
+// Links that carry packets: output looks no further while there are none.
+std::atomic<int> g_writing{0};
+
+Link* Find(std::string_view peer) REQUIRES(g_mutex) {
+  for (Link& link : g_links) {
+    if (link.peer == peer) return &link;
+  }
+  return nullptr;
+}
+
+void CloseEnds(Link* link) {
+  if (link->read_fd >= 0) platform::Close(link->read_fd);
+  if (link->write_fd >= 0) platform::Close(link->write_fd);
+  if (link->writing) g_writing.fetch_sub(1, std::memory_order_relaxed);
+  link->read_fd = link->write_fd = -1;
+  link->writing = false;
+}
+
+// A control from this process to the hub, sent by the reader outside any
+// exchange.
+void SendToHub(const std::string& payload) {
+  WireOnlyScope wire_only;
+  SendSmallPacketQuiet(wire::kHubAddress.data(), core::Fixed().own_address, VARN_PING,
+                       payload.c_str(), payload.size());
+}
+
+std::string Control(wire::LinkVerb verb, std::string_view peer, bool ok = true) {
+  wire::LinkControl control;
+  control.verb = verb;
+  control.peer = peer;
+  control.ok = ok;
+  return wire::BuildLinkControl(control);
+}
+
+// "link open": opens both ends and tells the hub whether that worked.
+void Open(const wire::LinkControl& c) {
+  bool ok = false;
+  {
+    platform::MutexLock lock(&g_mutex);
+    if (Find(c.peer) == nullptr) {
+      std::string in(c.in_path), out(c.out_path);
+      Link link;
+      link.peer = std::string(c.peer);
+      link.read_fd = platform::OpenFifoEnd(in.c_str(), false);
+      // The hub holds a read end of it until both sides are ready, so the
+      // open does not wait.
+      if (link.read_fd >= 0) link.write_fd = platform::OpenFifoEnd(out.c_str(), true);
+      ok = link.read_fd >= 0 && link.write_fd >= 0;
+      if (ok) {
+        g_links.push_back(std::move(link));
+      } else {
+        CloseEnds(&link);
+      }
+    }
+  }
+  SendToHub(Control(wire::LinkVerb::kReady, c.peer, ok));
+}
+
+void Drop(std::string_view peer) {
+  platform::MutexLock lock(&g_mutex);
+  for (auto it = g_links.begin(); it != g_links.end(); ++it) {
+    if (it->peer == peer && !it->writing) {
+      CloseEnds(&*it);
+      g_links.erase(it);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+void EnableLinks(bool on) { g_enabled.store(on, std::memory_order_relaxed); }
+bool LinksEnabled() { return g_enabled.load(std::memory_order_relaxed); }
+
+void CloseLinks() {
+  g_enabled.store(false, std::memory_order_relaxed);
+  platform::MutexLock lock(&g_mutex);
+  for (Link& link : g_links) CloseEnds(&link);
+  g_links.clear();
+  g_asked.clear();
+}
+
+int LinkWriteFd(std::string_view destination) {
+  if (g_writing.load(std::memory_order_relaxed) == 0) return -1;
+  platform::MutexLock lock(&g_mutex);
+  Link* link = Find(destination);
+  return link != nullptr && link->writing ? link->write_fd : -1;
+}
+
+void LinkWriteFailed(int fd) {
+  platform::MutexLock lock(&g_mutex);
+  for (Link& link : g_links) {
+    if (link.write_fd != fd) continue;
+    // The read end stays with the reader until it meets the link's end.
+    platform::Close(link.write_fd);
+    link.write_fd = -1;
+    if (link.writing) g_writing.fetch_sub(1, std::memory_order_relaxed);
+    link.writing = false;
+  }
+}
+
+void StartWritingLink(std::string_view peer) {
+  platform::MutexLock lock(&g_mutex);
+  Link* link = Find(peer);
+  if (link == nullptr || link->writing || link->write_fd < 0) return;
+  link->writing = true;
+  g_writing.fetch_add(1, std::memory_order_relaxed);
+}
+
+void MaybeAskForLink(std::string_view destination) {
+  if (!LinksEnabled() || destination == wire::kHubAddress ||
+      wire::WithoutRoutePrefix(destination).size() != destination.size()) {
+    return;
+  }
+  {
+    platform::MutexLock lock(&g_mutex);
+    if (g_asked.size() >= kMaxAsked) return;
+    for (const std::string& asked : g_asked) {
+      if (asked == destination) return;
+    }
+    g_asked.emplace_back(destination);
+  }
+  SendToHub(Control(wire::LinkVerb::kWant, destination));
+}
+
+bool HandleLinkControl(std::string_view source, std::string_view payload, int* read_fd) {
+  *read_fd = -1;
+  wire::LinkControl c;
+  if (!wire::ParseLinkControl(payload, &c)) return false;
+  if (!LinksEnabled()) return true;
+  bool from_hub = source == wire::kHubAddress;
+  switch (c.verb) {
+    case wire::LinkVerb::kOpen:
+      if (from_hub) Open(c);
+      break;
+    case wire::LinkVerb::kGo:
+      if (from_hub) {
+        std::string peer(c.peer);
+        SendLinkOver(peer.c_str());
+      }
+      break;
+    case wire::LinkVerb::kDrop:
+      if (from_hub) Drop(c.peer);
+      break;
+    case wire::LinkVerb::kOver: {
+      platform::MutexLock lock(&g_mutex);
+      if (Link* link = Find(source); link != nullptr) {
+        *read_fd = link->read_fd;
+        link->read_fd = -1;
+      }
+      break;
+    }
+    default:
+      break;  // requests to the hub; never sent to a process
+  }
+  return true;
+}
+
+void LinkReadEnded(int fd) { platform::Close(fd); }
+
+}  // namespace varn::transport
