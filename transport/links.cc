@@ -20,10 +20,15 @@ struct Link {
   int read_fd = -1;   // until "link over" hands it to the reader
   int write_fd = -1;  // kept while the link is up
   bool writing = false;
+  bool grown = false;  // its pipe was made larger for a stream
 };
 
 // Peers asked for at most: beyond them packets go through the hub.
 constexpr std::size_t kMaxAsked = 64;
+// The pipe of a link that carries a stream: the writer then fills this much
+// before the reader has to run, a quarter as many switches as with the
+// default 64 KiB. Pages are taken only as the data needs them.
+constexpr std::size_t kStreamingPipe = 256 * 1024;
 
 std::atomic<bool> g_enabled{false};
 platform::Mutex g_mutex;
@@ -128,6 +133,15 @@ void LinkWriteFailed(int fd) {
     link.write_fd = -1;
     if (link.writing) g_writing.fetch_sub(1, std::memory_order_relaxed);
     link.writing = false;
+  }
+}
+
+void NoteLargeWrite(int fd) {
+  platform::MutexLock lock(&g_mutex);
+  for (Link& link : g_links) {
+    if (link.write_fd != fd || link.grown) continue;
+    link.grown = true;
+    platform::GrowPipe(fd, kStreamingPipe);  // where refused, the pipe stays as it is
   }
 }
 

@@ -35,6 +35,9 @@ int LinkWriteFd(std::string_view destination);
 // Under the wire lock: a write on fd failed (the peer closed its end); the
 // link carries nothing more.
 void LinkWriteFailed(int fd);
+// Under the wire lock: a packet of a stream's size is about to go on fd;
+// the link's pipe grows, once.
+void NoteLargeWrite(int fd);
 // Under the wire lock, right after the "link over" PING to peer was
 // written: packets to peer go on the link from now on.
 void StartWritingLink(std::string_view peer);

@@ -116,6 +116,8 @@ int RouteOf(const char* packet, std::size_t size) REQUIRES(g_wire_lock) {
 // bytes are dropped, as the hub drops packets for a process that ended, and
 // the hub's notice of its end follows.
 void WriteToLink(int fd, const char* a, std::size_t a_size, const char* b, std::size_t b_size) {
+  constexpr std::size_t kLargeWrite = 16 * 1024;
+  if (a_size + b_size >= kLargeWrite) varn::transport::NoteLargeWrite(fd);
   while (a_size > 0) {
     long n = b_size > 0 ? platform::WriteGather(fd, false, a, a_size, b, b_size)
                         : platform::WriteSome(fd, a, a_size);

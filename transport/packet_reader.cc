@@ -21,9 +21,11 @@ namespace {
 using core::Diag;
 using core::Fixed;
 
-// Room for two of the hub's 32 KiB writes, so that a stream's records
-// arrive in few reads.
-constexpr std::size_t kBufferSize = 64 * 1024;
+// Room for two of a streaming peer's 128 KiB DATA packets (what a link's
+// grown pipe holds), so that a stream's records arrive in few reads. The
+// block is allocated once per source; its pages are taken only as data
+// fills them.
+constexpr std::size_t kBufferSize = 256 * 1024;
 
 // How long the hub's notice that a linked peer ended waits for the rest of
 // the peer's link to be read (the peer has ended, so its end of the link is
