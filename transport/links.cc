@@ -179,12 +179,18 @@ bool HandleLinkControl(std::string_view source, std::string_view payload, int* r
     case wire::LinkVerb::kOpen:
       if (from_hub) Open(c);
       break;
-    case wire::LinkVerb::kGo:
+    case wire::LinkVerb::kGo: {
+      bool opened = false;
       if (from_hub) {
-        std::string peer(c.peer);
-        SendLinkOver(peer.c_str());
+        platform::MutexLock lock(&g_mutex);
+        Link* link = Find(c.peer);
+        opened = link != nullptr && link->write_fd >= 0 && !link->writing;
       }
+      // Only a link this side opened is switched to.
+      std::string peer(c.peer);
+      if (opened) SendLinkOver(peer.c_str());
       break;
+    }
     case wire::LinkVerb::kDrop:
       if (from_hub) Drop(c.peer);
       break;

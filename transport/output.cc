@@ -111,6 +111,21 @@ int RouteOf(const char* packet, std::size_t size) REQUIRES(g_wire_lock) {
   return varn::transport::LinkWriteFd(DestinationOf(packet, size));
 }
 
+// Moves a two-piece write past `written` bytes, into the second piece if
+// need be.
+void Advance(const char** first, std::size_t* first_left, const char** second,
+             std::size_t* second_left, std::size_t written) {
+  if (written >= *first_left) {
+    written -= *first_left;
+    *first = *second + written;
+    *first_left = *second_left - written;
+    *second_left = 0;
+  } else {
+    *first += written;
+    *first_left -= written;
+  }
+}
+
 // Writes a, then b (when b_size > 0), on a link: one system call for both
 // where it can. A link whose peer closed its end carries nothing more; the
 // bytes are dropped, as the hub drops packets for a process that ended, and
@@ -126,16 +141,7 @@ void WriteToLink(int fd, const char* a, std::size_t a_size, const char* b, std::
       varn::transport::LinkWriteFailed(fd);
       return;
     }
-    std::size_t written = static_cast<std::size_t>(n);
-    if (written >= a_size) {
-      written -= a_size;
-      a = b + written;
-      a_size = b_size - written;
-      b_size = 0;
-    } else {
-      a += written;
-      a_size -= written;
-    }
+    Advance(&a, &a_size, &b, &b_size, static_cast<std::size_t>(n));
   }
 }
 
@@ -160,16 +166,7 @@ int WriteToHubChannel(const char* first, std::size_t first_left, const char* sec
       if (e == EINTR || e == EAGAIN) continue;  // nothing lost: try the rest again
       return VARN_E_PIPE_WRITE;
     }
-    // Moves past what was written, into the second piece if need be.
-    if (written >= first_left) {
-      written -= first_left;
-      first = second + written;
-      first_left = second_left - written;
-      second_left = 0;
-    } else {
-      first += written;
-      first_left -= written;
-    }
+    Advance(&first, &first_left, &second, &second_left, written);
   }
   return 0;
 }

@@ -184,18 +184,25 @@ PacketBody g_notice;
 Source* g_draining = nullptr;
 std::int64_t g_drain_until = 0;
 
-Source& Hub() {
-  if (g_sources.empty()) {
-    bool socket = VarnChanType == VARN_CHAN_SOCKET;
-    g_sources.push_back(
-        std::make_unique<Source>(socket ? Fixed().socket_fd : Fixed().quonin_fd, socket, ""));
-  }
-  return *g_sources[0];
-}
-
 void EndDrain() {
   g_draining = nullptr;
   g_drain_until = 0;
+}
+
+// The hub's channel as the source to read first. A channel set up anew
+// (the library initialised again after varn_deinit) starts from nothing:
+// what was buffered, and any link, belonged to the old one.
+void UseCurrentChannel() {
+  bool socket = VarnChanType == VARN_CHAN_SOCKET;
+  int fd = socket ? Fixed().socket_fd : Fixed().quonin_fd;
+  if (!g_sources.empty() && g_sources[0]->fd() == fd) return;
+  for (std::size_t i = 1; i < g_sources.size(); ++i) LinkReadEnded(g_sources[i]->fd());
+  g_sources.clear();
+  g_next = 0;
+  std::free(g_notice.data);
+  g_notice = PacketBody{};
+  EndDrain();
+  g_sources.push_back(std::make_unique<Source>(fd, socket, ""));
 }
 
 // Drops a link that reached its end (or went out of step).
@@ -306,7 +313,7 @@ Found TakeBufferedPacket(PacketBody* packet) {
 
 ReadResult ReadHubPacket(PacketBody* packet, int wake_fd, std::int64_t deadline_ms,
                          void (*before_block)()) {
-  Hub();
+  UseCurrentChannel();
   for (;;) {
     switch (TakeBufferedPacket(packet)) {
       case Found::kPacket:
