@@ -17,6 +17,7 @@
 #include "platform/spawn.h"
 #include "tests/quon/hub_session.h"
 #include "tests/support/output.h"
+#include "transport/wire_requests.h"
 
 namespace varn::quon_test {
 namespace {
@@ -778,6 +779,65 @@ TEST(QuonHubSourceTest, DisconnectsAClientThatKeepsForgingAndServesTheOthers) {
   EXPECT_TRUE(s.ExpectPayload("DONE", b, "echo:still there?"));
   ASSERT_TRUE(s.Send(b, "KILL"));
   EXPECT_TRUE(s.ExpectPayload("SRVR_ERR", b, "killed"));
+  EXPECT_EQ(s.Finish(), 0);
+}
+
+// The hub's part of direct links, spoken by hand: a pair is set up only when
+// both sides asked, a side that cannot open its ends makes the hub drop the
+// link on both sides, and the pipes' names never outlive the setting-up.
+TEST(QuonHubLinkTest, LinksAPairThatAskedAndRemovesThePipesEveryWay) {
+  HubSession s;
+  ASSERT_TRUE(s.Start(WithPath({})));
+  auto control = [](const Packet& p) {
+    wire::LinkControl c;
+    EXPECT_TRUE(wire::ParseLinkControl(p.payload, &c)) << p.payload;
+    return c;
+  };
+
+  // A side that fails: both are told to drop it, and the pipes go.
+  std::string want_me = "\"link want " + s.address() + "\"";
+  std::string b = s.Invoke("qclient send quon PING " + want_me +
+                           " expect PING quon send quon PING \"link ready " + s.address() +
+                           " fail\" expect PING quon exit 0");
+  ASSERT_FALSE(b.empty());
+  ASSERT_TRUE(s.Send("quon", "PING", "link want " + b));
+  Packet p;
+  ASSERT_TRUE(s.Expect("PING", "quon", &p));
+  wire::LinkControl open = control(p);
+  EXPECT_EQ(open.verb, wire::LinkVerb::kOpen);
+  EXPECT_EQ(open.peer, b);
+  std::string in(open.in_path), out(open.out_path);
+  EXPECT_TRUE(fs::exists(in));
+  EXPECT_TRUE(fs::exists(out));
+  ASSERT_TRUE(s.Expect("PING", "quon", &p));
+  EXPECT_EQ(control(p).verb, wire::LinkVerb::kDrop);
+  EXPECT_FALSE(fs::exists(in));
+  EXPECT_FALSE(fs::exists(out));
+  EXPECT_TRUE(s.ExpectPayload("SRVR_ERR", b, "exit 0"));
+
+  // Both ready: both are told to go, and the names are gone already.
+  std::string c = s.Invoke("qclient send quon PING " + want_me +
+                           " expect PING quon send quon PING \"link ready " + s.address() +
+                           " ok\" expect PING quon exit 0");
+  ASSERT_TRUE(s.Send("quon", "PING", "link want " + c));
+  ASSERT_TRUE(s.Expect("PING", "quon", &p));
+  open = control(p);
+  in = std::string(open.in_path);
+  ASSERT_TRUE(s.Send("quon", "PING", "link ready " + c + " ok"));
+  ASSERT_TRUE(s.Expect("PING", "quon", &p));
+  EXPECT_EQ(control(p).verb, wire::LinkVerb::kGo);
+  EXPECT_FALSE(fs::exists(in));
+  EXPECT_TRUE(s.WaitLog(" linked"));
+  EXPECT_TRUE(s.ExpectPayload("SRVR_ERR", c, "exit 0"));
+
+  // Controls that make no sense are dropped; the hub goes on serving.
+  for (const std::string& bad :
+       std::vector<std::string>{"link want quon", "link want " + s.address(), "link open a b c",
+                                "link ready 1@nowhere ok", "link go " + c, "link", "link over"}) {
+    ASSERT_TRUE(s.Send("quon", "PING", bad));
+  }
+  ASSERT_TRUE(s.Send("quon", "CMD", "list"));
+  EXPECT_TRUE(s.Expect("EDONE", "quon"));
   EXPECT_EQ(s.Finish(), 0);
 }
 
