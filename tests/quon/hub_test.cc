@@ -14,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/io.h"
 #include "platform/spawn.h"
 #include "tests/quon/hub_session.h"
 #include "tests/support/output.h"
@@ -807,8 +808,6 @@ TEST(QuonHubLinkTest, LinksAPairThatAskedAndRemovesThePipesEveryWay) {
   EXPECT_EQ(open.verb, wire::LinkVerb::kOpen);
   EXPECT_EQ(open.peer, b);
   std::string in(open.in_path), out(open.out_path);
-  EXPECT_TRUE(fs::exists(in));
-  EXPECT_TRUE(fs::exists(out));
   ASSERT_TRUE(s.Expect("PING", "quon", &p));
   EXPECT_EQ(control(p).verb, wire::LinkVerb::kDrop);
   EXPECT_FALSE(fs::exists(in));
@@ -823,10 +822,18 @@ TEST(QuonHubLinkTest, LinksAPairThatAskedAndRemovesThePipesEveryWay) {
   ASSERT_TRUE(s.Expect("PING", "quon", &p));
   open = control(p);
   in = std::string(open.in_path);
+  out = std::string(open.out_path);
+  // Until this side is ready too, the pipes are there to be opened, and a
+  // write end opens at once: the hub holds a read end of each.
+  EXPECT_TRUE(fs::exists(in));
+  int writer = platform::OpenFifoEnd(out.c_str(), true);
+  EXPECT_GE(writer, 0);
+  if (writer >= 0) platform::Close(writer);
   ASSERT_TRUE(s.Send("quon", "PING", "link ready " + c + " ok"));
   ASSERT_TRUE(s.Expect("PING", "quon", &p));
   EXPECT_EQ(control(p).verb, wire::LinkVerb::kGo);
   EXPECT_FALSE(fs::exists(in));
+  EXPECT_FALSE(fs::exists(out));
   EXPECT_TRUE(s.WaitLog(" linked"));
   EXPECT_TRUE(s.ExpectPayload("SRVR_ERR", c, "exit 0"));
 
