@@ -57,8 +57,10 @@ class LinkBroker {
   // with it is dropped on the other side.
   void Ended(std::uint64_t client, std::vector<Out>* out);
 
-  // Links set up and not yet ended (for the log and the tests).
+  // Links set up and not yet ended, each by the ids of its two clients,
+  // the lower first.
   std::size_t links() const { return linked_.size(); }
+  const std::set<std::pair<std::uint64_t, std::uint64_t>>& linked() const { return linked_; }
   // A note for the log when the last Want could not make its pipes.
   const std::string& last_error() const { return last_error_; }
 

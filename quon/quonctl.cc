@@ -156,6 +156,7 @@ bool Table(int fd, LineSource& lines, std::string* screen, std::size_t* count) {
   std::vector<std::vector<std::string>> rows = {
       {"ADDRESS", "PROGRAM", "PARENT", "STATE", "IN", "OUT", "QUEUED", "WAIT", "STATUS"}};
   std::vector<std::string> warnings;
+  std::vector<std::string> links;
   std::string line;
   for (;;) {
     if (!lines.Next(&line)) return false;
@@ -164,6 +165,8 @@ bool Table(int fd, LineSource& lines, std::string* screen, std::size_t* count) {
     if (f[0] == "error") Fail(f.size() > 1 ? f[1] : "error");
     if (f[0] == "process" && f.size() >= 10) {
       rows.push_back({f[1], f[2], f[3], f[4], f[5], f[6], f[7], WaitText(f[8]), f[9]});
+    } else if (f[0] == "link" && f.size() >= 3) {
+      links.push_back("linked: " + f[1] + " <-> " + f[2] + " (their packets bypass the hub)");
     } else if (f[0] == "warning" && f.size() > 1 && f[1] == "cycle") {
       warnings.push_back(CycleText(f));
     } else if (f[0] == "warning") {
@@ -189,6 +192,7 @@ bool Table(int fd, LineSource& lines, std::string* screen, std::size_t* count) {
     while (!out.empty() && out.back() == ' ') out.pop_back();
     *screen += out + "\n";
   }
+  for (const std::string& l : links) *screen += l + "\n";
   for (const std::string& w : warnings) *screen += w + "\n";
   *count = rows.size() - 1;
   return true;

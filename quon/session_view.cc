@@ -206,6 +206,16 @@ void AppendProcessTable(const ClientMap& clients, std::int64_t now_ms, std::stri
   }
 }
 
+void AppendLink(const ClientMap& clients, std::uint64_t a, std::uint64_t b, std::string* out) {
+  out->append("link");
+  for (std::uint64_t id : {a, b}) {
+    auto it = clients.find(id);
+    out->push_back('\t');
+    out->append(it != clients.end() ? it->second->address : std::string("?"));
+  }
+  out->push_back('\n');
+}
+
 void AppendCycleWarning(const ClientMap& clients, const WaitCycle& cycle, std::string* out) {
   out->append("warning\tcycle");
   for (std::uint64_t id : cycle) {

@@ -58,6 +58,7 @@ bool IsTimeOfDay(const std::string& text) {
 struct Table {
   std::map<std::string, std::map<std::string, std::string>> rows;
   std::vector<std::string> warnings;  // the fields after "warning", tab-joined
+  std::vector<std::string> links;     // the fields after "link", tab-joined
   const std::string& Field(const std::string& address, const std::string& name) {
     return rows[address][name];
   }
@@ -127,6 +128,8 @@ class Control {
       std::vector<std::string> f = SplitTabs(line);
       if (f[0] == "warning") {
         table->warnings.push_back(line.substr(8));
+      } else if (f[0] == "link") {
+        table->links.push_back(line.substr(5));
       } else if (f[0] == "process" && f.size() == names.size()) {
         for (std::size_t i = 1; i < f.size(); ++i) table->rows[f[1]][names[i]] = f[i];
       } else {
@@ -540,6 +543,30 @@ TEST(QuonControlSocketTest, ReplacesTheSocketOfAHubThatIsGoneAndNothingElse) {
   EXPECT_EQ(RunHub({"--control", path, "--path", QclientDir(), "qclient", "exit", "0"}), 1);
   EXPECT_TRUE(fs::is_regular_file(path));
   fs::remove(path);
+}
+
+TEST_F(QuonControlTest, ShowsLinkedPairsWhileBothLive) {
+  HubSession& s = session_;
+  // A pair that sets up a link by hand: the client asks, and is ready.
+  std::string q = s.Invoke("qclient send quon PING \"link want " + me_ +
+                           "\" expect PING quon send quon PING \"link ready " + me_ +
+                           " ok\" expect PING quon expect KILL parent exit 0");
+  ASSERT_FALSE(q.empty());
+  ASSERT_TRUE(s.Send("quon", "PING", "link want " + q));
+  ASSERT_TRUE(s.Expect("PING", "quon"));  // link open
+  ASSERT_TRUE(s.Send("quon", "PING", "link ready " + q + " ok"));
+  ASSERT_TRUE(s.Expect("PING", "quon"));  // link go
+  Table table;
+  ASSERT_TRUE(control_.Ps(&table));
+  EXPECT_EQ(table.links, std::vector<std::string>{me_ + "\t" + q});
+  std::string screen = test_support::RunProgram({QUONCTL_BINARY, "--control", path_, "ps"}, "").out;
+  EXPECT_NE(screen.find("linked: " + me_ + " <-> " + q), std::string::npos) << screen;
+
+  // Once one of them ended the line goes.
+  ASSERT_TRUE(s.Send(q, "KILL"));
+  ASSERT_TRUE(s.ExpectPayload("SRVR_ERR", q, "exit 0"));
+  ASSERT_TRUE(control_.Ps(&table));
+  EXPECT_TRUE(table.links.empty());
 }
 
 }  // namespace
