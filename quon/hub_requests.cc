@@ -90,16 +90,19 @@ bool Hub::HandleLinkControl(Client& from, const wire::LinkControl& control) {
   if (control.verb == wire::LinkVerb::kWant) {
     links_.Want({from.id, from.address}, {peer->id, peer->address}, &out);
     if (!links_.last_error().empty()) log_.Note(links_.last_error());
-  } else if (control.verb == wire::LinkVerb::kReady) {
-    links_.Ready(from.id, peer->id, control.ok, &out);
-    if (!control.ok) log_.Note(Describe(from) + " could not open its link with " + Describe(*peer));
+    return SendLinkControls(out);
   }
-  bool go_on = SendLinkControls(out);
-  if (control.verb == wire::LinkVerb::kReady && control.ok && !out.empty()) {
+  if (control.verb != wire::LinkVerb::kReady) return true;  // not a request to the hub
+  links_.Ready(from.id, peer->id, control.ok, &out);
+  // Only an answer that concerned a link being set up is logged: a client
+  // that repeats "ready" cannot fill the log.
+  if (!out.empty() && control.ok) {
     log_.Note(Describe(from) + " " + from.address + " and " + Describe(*peer) + " " +
               peer->address + " linked");
+  } else if (!out.empty()) {
+    log_.Note(Describe(from) + " could not open its link with " + Describe(*peer));
   }
-  return go_on;
+  return SendLinkControls(out);
 }
 
 bool Hub::SendLinkControls(const std::vector<LinkBroker::Out>& out) {

@@ -5,20 +5,9 @@
 #include "platform/spawn.h"
 
 namespace varn::quon {
-namespace {
 
-std::string Control(wire::LinkVerb verb, const std::string& peer, std::string_view in = {},
-                    std::string_view out = {}, bool ok = true) {
-  wire::LinkControl control;
-  control.verb = verb;
-  control.peer = peer;
-  control.in_path = in;
-  control.out_path = out;
-  control.ok = ok;
-  return wire::BuildLinkControl(control);
-}
-
-}  // namespace
+using wire::BuildLinkControl;
+using wire::LinkVerb;
 
 LinkBroker::LinkBroker(std::string directory, unsigned hub_pid)
     : directory_(std::move(directory)), hub_pid_(hub_pid) {
@@ -85,15 +74,17 @@ void LinkBroker::Want(const Party& from, const Party& peer, std::vector<Out>* ou
   wants_.erase({from.id, peer.id});
   // A client with many links already stays on the hub for new peers: each
   // link costs it two descriptors.
-  if (LinksOf(from.id) >= kMaxLinksPerClient || LinksOf(peer.id) >= kMaxLinksPerClient) return;
+  if (LinksOf(from.id) >= wire::kMaxLinksPerProcess ||
+      LinksOf(peer.id) >= wire::kMaxLinksPerProcess)
+    return;
   Setup setup;
   setup.a = from.id < peer.id ? from : peer;
   setup.b = from.id < peer.id ? peer : from;
   if (!MakePipes(&setup)) return;
-  out->push_back(
-      {setup.a.id, Control(wire::LinkVerb::kOpen, setup.b.address, setup.path_ba, setup.path_ab)});
-  out->push_back(
-      {setup.b.id, Control(wire::LinkVerb::kOpen, setup.a.address, setup.path_ab, setup.path_ba)});
+  out->push_back({setup.a.id, BuildLinkControl(LinkVerb::kOpen, setup.b.address, setup.path_ba,
+                                               setup.path_ab)});
+  out->push_back({setup.b.id, BuildLinkControl(LinkVerb::kOpen, setup.a.address, setup.path_ab,
+                                               setup.path_ba)});
   setups_.emplace(key, std::move(setup));
 }
 
@@ -104,8 +95,8 @@ void LinkBroker::Ready(std::uint64_t from, std::uint64_t peer, bool ok, std::vec
   if (!ok) {
     // Nothing was written on the pipes yet: both sides close and go on
     // through the hub.
-    out->push_back({setup.a.id, Control(wire::LinkVerb::kDrop, setup.b.address)});
-    out->push_back({setup.b.id, Control(wire::LinkVerb::kDrop, setup.a.address)});
+    out->push_back({setup.a.id, BuildLinkControl(LinkVerb::kDrop, setup.b.address)});
+    out->push_back({setup.b.id, BuildLinkControl(LinkVerb::kDrop, setup.a.address)});
     Release(&setup);
     setups_.erase(it);
     return;
@@ -115,8 +106,8 @@ void LinkBroker::Ready(std::uint64_t from, std::uint64_t peer, bool ok, std::vec
   // Both hold their ends: the names and the broker's read ends can go, so
   // that a write to a side that ended fails instead of filling a pipe
   // nobody reads.
-  out->push_back({setup.a.id, Control(wire::LinkVerb::kGo, setup.b.address)});
-  out->push_back({setup.b.id, Control(wire::LinkVerb::kGo, setup.a.address)});
+  out->push_back({setup.a.id, BuildLinkControl(LinkVerb::kGo, setup.b.address)});
+  out->push_back({setup.b.id, BuildLinkControl(LinkVerb::kGo, setup.a.address)});
   Release(&setup);
   linked_.insert(it->first);
   setups_.erase(it);
@@ -137,7 +128,7 @@ void LinkBroker::Ended(std::uint64_t client, std::vector<Out>* out) {
     }
     const Party& other = setup.a.id == client ? setup.b : setup.a;
     const Party& gone = setup.a.id == client ? setup.a : setup.b;
-    out->push_back({other.id, Control(wire::LinkVerb::kDrop, gone.address)});
+    out->push_back({other.id, BuildLinkControl(LinkVerb::kDrop, gone.address)});
     Release(&setup);
     it = setups_.erase(it);
   }

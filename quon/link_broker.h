@@ -45,9 +45,6 @@ class LinkBroker {
   LinkBroker(const LinkBroker&) = delete;
   LinkBroker& operator=(const LinkBroker&) = delete;
 
-  // A client that can take links may only be linked with another that can.
-  static constexpr int kMaxLinksPerClient = 16;
-
   // "link want": `from` asks for a link with `peer` (both live clients
   // started with links on). Sets one up once both asked.
   void Want(const Party& from, const Party& peer, std::vector<Out>* out);

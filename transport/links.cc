@@ -23,7 +23,9 @@ struct Link {
   bool grown = false;  // its pipe was made larger for a stream
 };
 
-// Peers asked for at most: beyond them packets go through the hub.
+// Peers remembered as asked for: past this many the oldest is forgotten
+// (it is asked again if packets go to it again; the hub keeps one request
+// per pair).
 constexpr std::size_t kMaxAsked = 64;
 // The pipe of a link that carries a stream: the writer then fills this much
 // before the reader has to run, a quarter as many switches as with the
@@ -45,12 +47,42 @@ Link* Find(std::string_view peer) REQUIRES(g_mutex) {
   return nullptr;
 }
 
-void CloseEnds(Link* link) {
-  if (link->read_fd >= 0) platform::Close(link->read_fd);
+// Packets to the link's peer go through the hub from now on.
+void StopWriting(Link* link) {
   if (link->write_fd >= 0) platform::Close(link->write_fd);
   if (link->writing) g_writing.fetch_sub(1, std::memory_order_relaxed);
-  link->read_fd = link->write_fd = -1;
+  link->write_fd = -1;
   link->writing = false;
+}
+
+// Called with g_mutex held for a link in the table, or for one not yet in
+// it (a failed open).
+void CloseEnds(Link* link) {
+  if (link->read_fd >= 0) platform::Close(link->read_fd);
+  link->read_fd = -1;
+  StopWriting(link);
+}
+
+// Adds peer to those asked for; false when it was there already.
+bool NoteAsked(std::string_view peer) REQUIRES(g_mutex) {
+  for (const std::string& asked : g_asked) {
+    if (asked == peer) return false;
+  }
+  if (g_asked.size() >= kMaxAsked) g_asked.erase(g_asked.begin());
+  g_asked.emplace_back(peer);
+  return true;
+}
+
+void Forget(std::string_view peer) REQUIRES(g_mutex) {
+  for (auto it = g_links.begin(); it != g_links.end(); ++it) {
+    if (it->peer != peer) continue;
+    CloseEnds(&*it);
+    g_links.erase(it);
+    break;
+  }
+  // The peer counts as asked for: a link that failed is not asked for
+  // again and again, and an address that ended does not come back.
+  NoteAsked(peer);
 }
 
 // A control from this process to the hub, sent by the reader outside any
@@ -95,13 +127,9 @@ void Open(const wire::LinkControl& c) {
 
 void Drop(std::string_view peer) {
   platform::MutexLock lock(&g_mutex);
-  for (auto it = g_links.begin(); it != g_links.end(); ++it) {
-    if (it->peer == peer && !it->writing) {
-      CloseEnds(&*it);
-      g_links.erase(it);
-      return;
-    }
-  }
+  // Only a link still being set up is dropped; one that carries packets
+  // ends with its peer.
+  if (Link* link = Find(peer); link != nullptr && !link->writing) Forget(peer);
 }
 
 }  // namespace
@@ -127,12 +155,11 @@ int LinkWriteFd(std::string_view destination) {
 void LinkWriteFailed(int fd) {
   platform::MutexLock lock(&g_mutex);
   for (Link& link : g_links) {
+    // The read end stays with the reader until it meets the link's end;
+    // no new link with the peer is asked for.
     if (link.write_fd != fd) continue;
-    // The read end stays with the reader until it meets the link's end.
-    platform::Close(link.write_fd);
-    link.write_fd = -1;
-    if (link.writing) g_writing.fetch_sub(1, std::memory_order_relaxed);
-    link.writing = false;
+    StopWriting(&link);
+    NoteAsked(link.peer);
   }
 }
 
@@ -160,11 +187,7 @@ void MaybeAskForLink(std::string_view destination) {
   }
   {
     platform::MutexLock lock(&g_mutex);
-    if (g_asked.size() >= kMaxAsked) return;
-    for (const std::string& asked : g_asked) {
-      if (asked == destination) return;
-    }
-    g_asked.emplace_back(destination);
+    if (!NoteAsked(destination)) return;
   }
   SendToHub(Control(wire::LinkVerb::kWant, destination));
 }
@@ -208,6 +231,10 @@ bool HandleLinkControl(std::string_view source, std::string_view payload, int* r
   return true;
 }
 
-void LinkReadEnded(int fd) { platform::Close(fd); }
+void LinkEnded(std::string_view peer, int read_fd) {
+  if (read_fd >= 0) platform::Close(read_fd);
+  platform::MutexLock lock(&g_mutex);
+  Forget(peer);
+}
 
 }  // namespace varn::transport

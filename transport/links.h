@@ -50,8 +50,11 @@ void MaybeAskForLink(std::string_view destination);
 // the payload is no link control. For "link over" from a linked peer,
 // *read_fd is the link's read end, to be read from now on (else -1).
 bool HandleLinkControl(std::string_view source, std::string_view payload, int* read_fd);
-// The reader met the end of a link's read end: it is closed.
-void LinkReadEnded(int fd);
+// The link with peer has ended: the reader met the end of its read end
+// (closed here when not negative), or the hub's notice that the peer ended
+// has passed. Its write end is closed too, packets to peer go through the
+// hub again, and no link with peer is asked for again.
+void LinkEnded(std::string_view peer, int read_fd);
 
 }  // namespace varn::transport
 

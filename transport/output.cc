@@ -127,22 +127,26 @@ void Advance(const char** first, std::size_t* first_left, const char** second,
 }
 
 // Writes a, then b (when b_size > 0), on a link: one system call for both
-// where it can. A link whose peer closed its end carries nothing more; the
-// bytes are dropped, as the hub drops packets for a process that ended, and
-// the hub's notice of its end follows.
-void WriteToLink(int fd, const char* a, std::size_t a_size, const char* b, std::size_t b_size) {
+// where it can. False when the link failed before any of the bytes went
+// out (its peer closed its end): the link then carries nothing more.
+// Bytes after a partial write are dropped: the peer that stopped reading
+// half way would not read them either.
+bool WriteToLink(int fd, const char* a, std::size_t a_size, const char* b, std::size_t b_size) {
   constexpr std::size_t kLargeWrite = 16 * 1024;
   if (a_size + b_size >= kLargeWrite) varn::transport::NoteLargeWrite(fd);
+  bool any = false;
   while (a_size > 0) {
     long n = b_size > 0 ? platform::WriteGather(fd, false, a, a_size, b, b_size)
                         : platform::WriteSome(fd, a, a_size);
     if (n <= 0) {
       if (n < 0 && (platform::LastError() == EINTR || platform::LastError() == EAGAIN)) continue;
       varn::transport::LinkWriteFailed(fd);
-      return;
+      return any;
     }
+    any = true;
     Advance(&a, &a_size, &b, &b_size, static_cast<std::size_t>(n));
   }
+  return true;
 }
 
 // Writes a, then b (when b_size > 0), to the hub: together in one system
@@ -171,10 +175,13 @@ int WriteToHubChannel(const char* first, std::size_t first_left, const char* sec
   return 0;
 }
 
+// Writes to the hub (route -1) or on a link. Packets a link refused go
+// through the hub instead: it relays them when the peer still reads its
+// channel, and answers as for any process that ended otherwise. 0 or the
+// error number.
 int WriteRoute(int route, const char* a, std::size_t a_size, const char* b, std::size_t b_size) {
-  if (route < 0) return WriteToHubChannel(a, a_size, b, b_size);
-  WriteToLink(route, a, a_size, b, b_size);
-  return 0;
+  if (route >= 0 && WriteToLink(route, a, a_size, b, b_size)) return 0;
+  return WriteToHubChannel(a, a_size, b, b_size);
 }
 
 // Writes the corked acknowledgements, then size bytes of buffer (none when
@@ -327,7 +334,7 @@ int SendAcknowledgement(const char* destination, const char* source) {
 }
 
 int SendLinkOver(const char* peer) {
-  std::string payload = wire::BuildLinkControl({wire::LinkVerb::kOver, {}, {}, {}, true});
+  std::string payload = wire::BuildLinkControl(wire::LinkVerb::kOver);
   char packet[VARN_STATUS_TEXT_SIZE];
   std::size_t size = 0;
   if (wire::BuildPacket(packet, sizeof packet, peer, Fixed().own_address, VARN_PING, payload.data(),

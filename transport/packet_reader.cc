@@ -13,6 +13,7 @@
 #include "platform/thread.h"
 #include "transport/links.h"
 #include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 #include "varn.h"
 
 namespace varn::transport {
@@ -196,7 +197,9 @@ void UseCurrentChannel() {
   bool socket = VarnChanType == VARN_CHAN_SOCKET;
   int fd = socket ? Fixed().socket_fd : Fixed().quonin_fd;
   if (!g_sources.empty() && g_sources[0]->fd() == fd) return;
-  for (std::size_t i = 1; i < g_sources.size(); ++i) LinkReadEnded(g_sources[i]->fd());
+  for (std::size_t i = 1; i < g_sources.size(); ++i) {
+    LinkEnded(g_sources[i]->peer(), g_sources[i]->fd());
+  }
   g_sources.clear();
   g_next = 0;
   std::free(g_notice.data);
@@ -210,7 +213,7 @@ void RemoveSource(Source* source) {
   if (source == g_draining) EndDrain();
   for (auto it = g_sources.begin() + 1; it != g_sources.end(); ++it) {
     if (it->get() != source) continue;
-    LinkReadEnded(source->fd());
+    LinkEnded(source->peer(), source->fd());
     g_sources.erase(it);
     break;
   }
@@ -240,20 +243,22 @@ Seen Inspect(PacketBody* packet) {
     std::string source(header.source);
     int read_fd = -1;
     if (!HandleLinkControl(source, payload, &read_fd)) return Seen::kPass;
-    if (read_fd >= 0) {
-      if (g_sources.size() <= static_cast<std::size_t>(platform::kMaxWaitFds - 2)) {
-        g_sources.push_back(std::make_unique<Source>(read_fd, false, source));
-      } else {
-        LinkReadEnded(read_fd);
-      }
-    }
+    // The hub links a process with at most kMaxLinksPerProcess peers, so
+    // every link fits beside the hub's channel and the wake-up descriptor.
+    static_assert(wire::kMaxLinksPerProcess + 2 <= platform::kMaxWaitFds);
+    if (read_fd >= 0) g_sources.push_back(std::make_unique<Source>(read_fd, false, source));
     std::free(packet->data);
     *packet = PacketBody{};
     return Seen::kConsumed;
   }
   if (category == VARN_SRVR_ERR) {
     Source* link = SourceOfPeer(header.source);
-    if (link == nullptr) return Seen::kPass;
+    if (link == nullptr) {
+      // A peer that ended before its link carried anything: nothing is
+      // kept open for it.
+      LinkEnded(header.source, -1);
+      return Seen::kPass;
+    }
     g_notice = *packet;
     *packet = PacketBody{};
     g_draining = link;
@@ -359,7 +364,9 @@ ReadResult ReadHubPacket(PacketBody* packet, int wake_fd, std::int64_t deadline_
       }
       if (r == platform::Readable::kTimeout) {
         if (g_draining != nullptr && platform::MonotonicMillis() >= g_drain_until) {
-          EndDrain();  // the notice goes out now
+          // The notice goes out now; the link ends with it (another process
+          // kept the peer's end open).
+          RemoveSource(g_draining);
           continue;
         }
         return ReadResult::kTimeout;

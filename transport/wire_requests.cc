@@ -252,6 +252,17 @@ std::string BuildLinkControl(const LinkControl& control) {
   return text;
 }
 
+std::string BuildLinkControl(LinkVerb verb, std::string_view peer, std::string_view in_path,
+                             std::string_view out_path, bool ok) {
+  LinkControl control;
+  control.verb = verb;
+  control.peer = peer;
+  control.in_path = in_path;
+  control.out_path = out_path;
+  control.ok = ok;
+  return BuildLinkControl(control);
+}
+
 bool ParseLinkControl(std::string_view payload, LinkControl* control) {
   std::string_view rest = WithoutPadding(payload);
   if (NextWord(&rest) != kLinkWord) return false;

@@ -107,7 +107,10 @@ HubCommand ParseHubCommand(std::string_view text);
 //   "link over"                process -> PEER, through the hub: the last
 //                              packet of it that crosses the hub; all later
 //                              ones come on the link
-// Addresses and paths are single words.
+// Addresses and paths are single words. The hub gives one process at most
+// kMaxLinksPerProcess links; a process reads each of them beside the hub's
+// channel.
+inline constexpr int kMaxLinksPerProcess = 16;
 enum class LinkVerb { kWant, kOpen, kReady, kGo, kDrop, kOver };
 struct LinkControl {
   LinkVerb verb = LinkVerb::kWant;
@@ -117,6 +120,9 @@ struct LinkControl {
   bool ok = true;             // kReady
 };
 std::string BuildLinkControl(const LinkControl& control);
+std::string BuildLinkControl(LinkVerb verb, std::string_view peer = {},
+                             std::string_view in_path = {}, std::string_view out_path = {},
+                             bool ok = true);
 // False when the payload is not a link control (then the PING is a plain one).
 bool ParseLinkControl(std::string_view payload, LinkControl* control);
 
