@@ -72,8 +72,14 @@ class Row {
   // Forgets the last message, so that a wait sees what comes next.
   void ClearLast() { e_.last_category = VARN_NONE; }
 
+  // A call waits for this row's messages: it takes them instead of the
+  // callback. set_waiting_for_expected: a call that returns only the
+  // categories it expects (the deadline calls), so the peer's interrupts
+  // still reach the callback as they arrive.
   bool waiting() const { return e_.waiting != 0; }
   void set_waiting(bool on) { e_.waiting = on ? 1 : 0; }
+  void set_waiting_for_expected() { e_.waiting = 2; }
+  bool waiting_passes_interrupts() const { return e_.waiting == 2; }
 
   // The text of the last message taken from the peer: KILL, INTR and
   // SRVR_ERR keep theirs in the signal buffer, every other category in the

@@ -93,13 +93,21 @@ Outcome AwaitWithin(Row& row, CategorySet until, std::int64_t deadline_ms)
     REQUIRES(core::kLibrary) {
   CategorySet taken = until.With(kExit);
   row.ClearLast();
-  row.set_waiting(true);
+  row.set_waiting_for_expected();
   bool read;
   bool passed;
   {
     transport::Lane only(row.handle(), taken);
     transport::ReadDeadline deadline(deadline_ms);
-    read = transport::AwaitUntil([&row, taken] { return taken.contains(row.last_category()); });
+    read = transport::AwaitUntil([&row, taken] {
+      int last = row.last_category();
+      // An interrupt from the peer went to the callback; the wait goes on.
+      if ((last == VARN_INTR || last == VARN_KILL) && !taken.contains(last)) {
+        row.ClearLast();
+        return false;
+      }
+      return taken.contains(last);
+    });
     passed = deadline.Passed();
   }
   row.set_waiting(false);

@@ -62,8 +62,19 @@ void NoteLateStatus(const char* address) {
     ++late->count;
     return;
   }
-  Late& slot = g_late[g_late_next];
-  g_late_next = (g_late_next + 1) % kLateSlots;
+  // A free slot first; only when all are in use does the oldest give way.
+  Late* free = nullptr;
+  for (Late& late : g_late) {
+    if (late.count == 0) {
+      free = &late;
+      break;
+    }
+  }
+  if (free == nullptr) {
+    free = &g_late[g_late_next];
+    g_late_next = (g_late_next + 1) % kLateSlots;
+  }
+  Late& slot = *free;
   std::strcpy(slot.address, address);
   slot.count = 1;
 }

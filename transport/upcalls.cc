@@ -41,9 +41,10 @@ extern "C" void varnP_call_callback(varnHandle h) noexcept {
     varn::core::Row row(h);
     if (row.waiting()) {
       // The waiting call takes the message, unless interrupts from this
-      // peer are to reach the callback at once.
+      // peer are to reach the callback at once, or the waiting call would
+      // not take them.
       bool interrupt = row.last_category() == VARN_INTR || row.last_category() == VARN_KILL;
-      if (row.entry().immediate_intr_kill && interrupt) {
+      if (interrupt && (row.entry().immediate_intr_kill || row.waiting_passes_interrupts())) {
         if (callback) callback(h);
       } else {
         row.set_waiting(false);

@@ -10,7 +10,8 @@
 // Server commands: "spin N" (busy N ms in its own code, status "spinning",
 // then DONE "spun"); "echo X" (DONE X); "until-intr" (busy until an INTR,
 // then ERROR "cancelled"); "stop-me" (stops itself with SIGSTOP after the
-// ACK, then DONE "resumed"); "exit N" (ends without an answer).
+// ACK, then DONE "resumed"); "interrupt-me" (INTR to the client, then DONE
+// "after the interrupt"); "exit N" (ends without an answer).
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -66,6 +67,9 @@ void ServerCallback(int h) {
     varn_set_status(VARN_STATUS_BUSY, "stopping");
     raise(SIGSTOP);
     varn_send_msg(h, VARN_DONE, "resumed", 0);
+  } else if (std::strcmp(text, "interrupt-me") == 0) {
+    varn_send_msg(h, VARN_INTR, "from the server", 0);
+    varn_send_msg(h, VARN_DONE, "after the interrupt", 0);
   } else if (std::strncmp(text, "exit ", 5) == 0) {
     _exit(std::atoi(text + 5));  // no exit notice: the hub tells of the end
   }
@@ -124,8 +128,16 @@ constexpr uint64_t kTerminal = VARN_CATEGORY_BIT(VARN_DONE) | VARN_CATEGORY_BIT(
 
 void KillHub(int) { kill(getppid(), SIGKILL); }
 
+// The client's callback keeps the categories that reached it.
+std::string g_callbacks;
+void ClientCallback(int h) {
+  if (h < 0) return;
+  g_callbacks += std::string(g_callbacks.empty() ? "" : ",") + Word(VarnMessage[h].last_category);
+}
+
 int Client() {
   int s = StartServer();
+  varn_set_callback(ClientCallback);
   // Acknowledged, then busy in its own code past the deadline.
   Run("busy", Call(s, "spin 1500", 300));
   // Still busy: the next command is not even taken.
@@ -156,6 +168,11 @@ int Client() {
   char text[VARN_STATUS_TEXT_SIZE] = "";
   int r = varn_query_status(s, &status, text);
   Report("status r=%d status=%u text=%s", r, status, text);
+  // An interrupt from the server during the wait goes to the callback once;
+  // the call returns the answer, which the callback does not see.
+  g_callbacks.clear();
+  Run("interrupted", Call(s, "interrupt-me", 5000));
+  Report("interrupted-callbacks %s", g_callbacks.c_str());
   // It exits without answering.
   Run("exited", Call(s, "exit 3", 5000));
   return 0;

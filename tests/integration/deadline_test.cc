@@ -86,6 +86,8 @@ TEST(DeadlineTest, EachReasonComesFromARealPeerWithinItsBound) {
   EXPECT_EQ(lines["resumed"].rest, "r=1 err=0 cat=DONE text=resumed detail=");
   // The status answer that came late went nowhere; this one is fresh.
   EXPECT_EQ(lines["status"].rest, "r=1 status=0 text=");
+  EXPECT_EQ(lines["interrupted"].rest, "r=1 err=0 cat=DONE text=after the interrupt detail=");
+  EXPECT_EQ(lines["interrupted-callbacks"].rest, "INTR");
   EXPECT_EQ(lines["exited"].rest, "r=0 err=80 cat=- text= detail=exit 3");
   EXPECT_LT(lines["exited"].ms, 5000);
 }

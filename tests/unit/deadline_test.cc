@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace varn::transport {
 namespace {
 
@@ -32,6 +34,16 @@ TEST(ReadDeadlineTest, LateStatusAnswersAreCountedOffByAddress) {
   EXPECT_TRUE(TakeLateStatus("1@h"));
   EXPECT_TRUE(TakeLateStatus("1@h"));
   EXPECT_FALSE(TakeLateStatus("1@h"));
+}
+
+TEST(ReadDeadlineTest, AnAwaitedLateAnswerKeepsItsPlaceWhileOthersComeAndGo) {
+  NoteLateStatus("7@h");
+  for (int i = 0; i < 40; ++i) {
+    std::string other = std::to_string(100 + i) + "@h";
+    NoteLateStatus(other.c_str());
+    EXPECT_TRUE(TakeLateStatus(other.c_str()));
+  }
+  EXPECT_TRUE(TakeLateStatus("7@h"));
 }
 
 }  // namespace
