@@ -15,6 +15,8 @@ namespace {
 
 // Bytes taken from one control client per wake-up.
 constexpr std::size_t kReadBudget = 64 * 1024;
+// After a failed accept (descriptors used up), how long until the next try.
+constexpr std::int64_t kAcceptRetryMs = 1000;
 
 constexpr std::string_view kTraceHeader =
     "trace\ttime\tsource\tdestination\tcategory\tsize\ttext\n";
@@ -84,6 +86,7 @@ ControlEndpoint::ControlEndpoint(platform::EventLoop& loop, Log& log, TableBuild
 
 ControlEndpoint::~ControlEndpoint() {
   if (round_end_queued_) loop_.CancelRoundEnd(this);
+  if (accept_timer_ != 0) loop_.CancelTimer(accept_timer_);
   for (auto& [id, listener] : clients_) {
     loop_.Unwatch(listener->fd);
     platform::Close(listener->fd);
@@ -106,7 +109,12 @@ bool ControlEndpoint::Open(const std::string& path, std::string* error) {
   listen_fd_ = fd;
   path_ = path;
   if (!loop_.Watch(listen_fd_, true, false, [this](platform::IoEvents) { OnAcceptable(); })) {
+    // Nobody would accept on it: it goes, file and all.
     *error = "cannot watch the control socket";
+    platform::Close(listen_fd_);
+    platform::RemoveSocketFile(path_, file_id_);
+    listen_fd_ = -1;
+    path_.clear();
     return false;
   }
   return true;
@@ -123,7 +131,18 @@ void ControlEndpoint::OnAcceptable() {
     int fd = platform::AcceptConnection(listen_fd_, &error);
     if (fd < 0) {
       if (error != EAGAIN && error != EWOULDBLOCK && error != ECONNABORTED) {
-        log_.Note("control socket: cannot accept: " + platform::ErrorText(error));
+        // The connection stays pending, so the socket stays readable: with
+        // descriptors used up the loop would come back here at once, again
+        // and again. Accepting waits until a connection of ours goes.
+        if (accept_timer_ == 0) {
+          log_.Note("control socket: cannot accept: " + platform::ErrorText(error) +
+                    "; trying again in a second");
+          loop_.Modify(listen_fd_, false, false);
+          accept_timer_ = loop_.AddTimer(kAcceptRetryMs, [this] {
+            accept_timer_ = 0;
+            loop_.Modify(listen_fd_, true, false);
+          });
+        }
       }
       return;
     }
@@ -139,7 +158,11 @@ void ControlEndpoint::OnAcceptable() {
     listener->fd = fd;
     std::uint64_t id = listener->id;
     clients_[id] = std::move(listener);
-    loop_.Watch(fd, true, false, [this, id](platform::IoEvents events) { OnEvents(id, events); });
+    if (!loop_.Watch(fd, true, false,
+                     [this, id](platform::IoEvents events) { OnEvents(id, events); })) {
+      platform::Close(fd);
+      clients_.erase(id);
+    }
   }
 }
 
@@ -176,6 +199,9 @@ bool ControlEndpoint::ReadRequests(Listener& listener) {
       return true;
     }
     total += static_cast<std::size_t>(n);
+    // A tracer's connection carries the trace only: what it sends is read
+    // and thrown away, never answered.
+    if (listener.tracing) continue;
     std::string_view data(buf, static_cast<std::size_t>(n));
     while (!data.empty()) {
       std::size_t end = data.find('\n');

@@ -98,6 +98,9 @@ class ControlEndpoint final : private platform::RoundEnd {
   std::string path_;
   platform::SocketFileId file_id_;
   int listen_fd_ = -1;
+  // Accepting stopped after a failure other than "nothing to accept"
+  // (descriptors used up); this timer resumes it.
+  platform::EventLoop::TimerId accept_timer_ = 0;
   std::map<std::uint64_t, std::unique_ptr<Listener>> clients_;
   std::vector<std::uint64_t> flush_list_;
   bool round_end_queued_ = false;

@@ -12,6 +12,7 @@
 #include "platform/spawn.h"
 #include "platform/system.h"
 #include "platform/unix_socket.h"
+#include "quon/control_endpoint.h"
 #include "tests/quon/hub_session.h"
 #include "tests/support/launcher.h"
 
@@ -567,6 +568,20 @@ TEST_F(QuonControlTest, ShowsLinkedPairsWhileBothLive) {
   ASSERT_TRUE(s.ExpectPayload("SRVR_ERR", q, "exit 0"));
   ASSERT_TRUE(control_.Ps(&table));
   EXPECT_TRUE(table.links.empty());
+}
+
+TEST_F(QuonControlTest, WhatATracerSendsIsIgnoredEvenAnOverlongLine) {
+  HubSession& s = session_;
+  ASSERT_TRUE(control_.Trace("category=CMD"));
+  // Past the request line limit and without a line feed, then a request:
+  // neither is answered, the trace goes on.
+  ASSERT_TRUE(control_.Send(std::string(3 * quon::ControlEndpoint::kMaxRequestLine, 'x')));
+  ASSERT_TRUE(control_.Send("\nps\n"));
+  ASSERT_TRUE(s.Send("quon", "CMD", "list"));
+  EXPECT_TRUE(s.Expect("EDONE", "quon"));
+  std::string text;
+  ASSERT_TRUE(control_.Packet(&text));
+  EXPECT_EQ(text, me_ + " quon CMD list");
 }
 
 }  // namespace
