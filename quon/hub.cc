@@ -124,11 +124,8 @@ void Hub::Trace(std::string_view source, std::string_view destination, std::stri
 }
 
 void Hub::Trace(const Packet& packet) {
-  log_.Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size);
-  if (control_ != nullptr && control_->tracing()) {
-    control_->TracePacket(packet.header.source, packet.header.destination, packet.header.word,
-                          packet.size, packet.text());
-  }
+  Trace(packet.header.source, packet.header.destination, packet.header.word, packet.size,
+        packet.text());
 }
 
 void Hub::AppendControlTable(std::string* out) const {
@@ -176,11 +173,13 @@ void Hub::Observe(Client& from, Client* to, const Packet& packet) {
       return;
     }
     case VARN_NAK: {
-      // "BUSY", perhaps with a text: it refused because it is busy.
-      std::string_view text = packet.text();
-      if (text.substr(0, 4) == "BUSY" && (text.size() == 4 || text[4] == ' ')) {
+      // "BUSY", perhaps with a text: it refused because it is busy. The
+      // payload has the form of a status answer.
+      int status = 0;
+      std::string_view text;
+      if (wire::ParseStatusAnswer(packet.text(), &status, &text) && status == VARN_STATUS_BUSY) {
         activity.state = ViewState::kBusy;
-        activity.status_text.assign(text.substr(text.size() > 4 ? 5 : 4, kMaxStatusText));
+        activity.status_text.assign(text.substr(0, kMaxStatusText));
       }
       if (to != nullptr) waits_.OnAnswer(from, *to);
       return;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 
 namespace varn::quon {
 namespace {
@@ -125,6 +126,23 @@ void WaitTracker::OnEnded(Client& client) {
   });
 }
 
+namespace {
+
+// A line of the table: its leading words, then the addresses of clients
+// ("?" for one that is gone).
+void AppendAddressLine(const ClientMap& clients, std::string_view words,
+                       std::span<const std::uint64_t> ids, std::string* out) {
+  out->append(words);
+  for (std::uint64_t id : ids) {
+    auto it = clients.find(id);
+    out->push_back('\t');
+    out->append(it != clients.end() ? it->second->address : std::string("?"));
+  }
+  out->push_back('\n');
+}
+
+}  // namespace
+
 void AppendEscaped(std::string_view text, std::size_t limit, std::string* out) {
   while (!text.empty() && text.back() == '\0') text.remove_suffix(1);
   bool cut = text.size() > limit;
@@ -207,23 +225,12 @@ void AppendProcessTable(const ClientMap& clients, std::int64_t now_ms, std::stri
 }
 
 void AppendLink(const ClientMap& clients, std::uint64_t a, std::uint64_t b, std::string* out) {
-  out->append("link");
-  for (std::uint64_t id : {a, b}) {
-    auto it = clients.find(id);
-    out->push_back('\t');
-    out->append(it != clients.end() ? it->second->address : std::string("?"));
-  }
-  out->push_back('\n');
+  const std::uint64_t ids[] = {a, b};
+  AppendAddressLine(clients, "link", ids, out);
 }
 
 void AppendCycleWarning(const ClientMap& clients, const WaitCycle& cycle, std::string* out) {
-  out->append("warning\tcycle");
-  for (std::uint64_t id : cycle) {
-    auto it = clients.find(id);
-    out->push_back('\t');
-    out->append(it != clients.end() ? it->second->address : std::string("?"));
-  }
-  out->push_back('\n');
+  AppendAddressLine(clients, "warning\tcycle", cycle, out);
 }
 
 }  // namespace varn::quon

@@ -76,10 +76,10 @@ std::size_t QueuedToward(const Client& client);
 // ending in a line feed (the control protocol's `ps` answer without its end).
 void AppendProcessTable(const ClientMap& clients, std::int64_t now_ms, std::string* out);
 
-// "warning\tcycle\tADDRESS..." with a line feed, for one cycle.
 // One "link" line: two clients whose packets go on a link of their own,
 // past the hub.
 void AppendLink(const ClientMap& clients, std::uint64_t a, std::uint64_t b, std::string* out);
+// "warning\tcycle\tADDRESS..." with a line feed, for one cycle.
 void AppendCycleWarning(const ClientMap& clients, const WaitCycle& cycle, std::string* out);
 
 }  // namespace varn::quon

@@ -24,11 +24,13 @@
 #include "platform/io.h"
 #include "platform/spawn.h"
 #include "platform/system.h"
+#include "transport/wire_requests.h"
 #include "varn_codes.h"
 
 namespace {
 
 namespace platform = varn::platform;
+namespace wire = varn::wire;
 using varn::bench::Channel;
 using varn::bench::Echo;
 using varn::bench::Packet;
@@ -70,7 +72,7 @@ double NowMicros() {
 }
 
 [[noreturn]] void Ask(Channel& ch) {
-  for (;;) ch.Send("quon", VARN_QUERYP_Q, "NULL@NULL NULL NULL AllProcess ByName");
+  for (;;) ch.Send("quon", VARN_QUERYP_Q, std::string(wire::kProcessListRequest));
 }
 
 [[noreturn]] void Garbage(Channel& ch) {

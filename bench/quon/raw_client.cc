@@ -9,6 +9,7 @@
 #include "platform/spawn.h"
 #include "platform/system.h"
 #include "transport/wire_format.h"
+#include "transport/wire_requests.h"
 
 namespace varn::bench {
 
@@ -36,8 +37,8 @@ Packet Channel::Receive() {
       p.source = h.source;
       wire::CategoryFromWord(h.word, &p.category);
       if (h.has_payload) {
-        p.payload.assign(buf_.data() + start_ + 6 + h.payload_offset, h.payload_length);
-        while (!p.payload.empty() && p.payload.back() == '\0') p.payload.pop_back();
+        p.payload = wire::WithoutPadding(
+            std::string_view(buf_.data() + start_ + 6 + h.payload_offset, h.payload_length));
       }
       start_ += 6 + length;
       return p;

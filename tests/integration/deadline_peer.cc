@@ -41,17 +41,8 @@ void BusyFor(int ms, bool until_interrupted) {
 }
 
 void ServerCallback(int h) {
-  if (h < 0) return;
-  uint32_t category = VarnMessage[h].last_category;
-  if (category == VARN_INTR) {
-    g_interrupted = true;  // on the input thread, this thread held
-    return;
-  }
-  if (category == VARN_SRVR_ERR) varn_deinit();  // the client ended
-  if (category != VARN_CMD) return;
-  char text[256] = "";
-  uint32_t cat = 0, length = 0;
-  varn_recv_msg_len(h, &cat, text, &length);
+  char text[VARN_STATUS_TEXT_SIZE];
+  if (!varn::test_support::TakeCommand(h, &g_interrupted, text)) return;
   if (std::strncmp(text, "spin ", 5) == 0) {
     varn_set_status(VARN_STATUS_BUSY, "spinning");
     BusyFor(std::atoi(text + 5), false);

@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -40,6 +41,26 @@ inline const char* Word(std::uint32_t code) {
   static char word[32];
   if (!varn_util_int_to_category(static_cast<int>(code), word)) std::strcpy(word, "?");
   return word;
+}
+
+// What a test server's callback does before it serves a command: an INTR
+// from its client sets *interrupted (the callback then runs on the input
+// thread, the application's thread held), the client's end ends the server,
+// and a CMD's text is read into text (room for VARN_STATUS_TEXT_SIZE
+// bytes). True when h brought a command to serve.
+inline bool TakeCommand(int h, std::atomic<bool>* interrupted, char* text) {
+  if (h < 0) return false;
+  std::uint32_t category = VarnMessage[h].last_category;
+  if (category == VARN_INTR) {
+    *interrupted = true;
+    return false;
+  }
+  if (category == VARN_SRVR_ERR) varn_deinit();
+  if (category != VARN_CMD) return false;
+  std::uint32_t cat = 0, length = 0;
+  text[0] = '\0';
+  varn_recv_msg_len(h, &cat, text, &length);
+  return true;
 }
 
 }  // namespace varn::test_support
