@@ -14,17 +14,10 @@ int VarnSleepSecond = 0;
 int VarnRecvedQuonStatusIdle = 0;
 int IfDetachProtocol = 0;
 
-namespace varn::core {
-namespace {
+namespace varn::core::detail {
 
 // Constant-initialised, so they are usable from any static initialiser.
 constinit Setup g_setup;
-constinit LibraryState g_state GUARDED_BY(kLibrary);
+constinit LibraryState g_state;
 
-}  // namespace
-
-const Setup& Fixed() { return g_setup; }
-Setup& MutableSetup() { return g_setup; }
-LibraryState& State() { return g_state; }
-
-}  // namespace varn::core
+}  // namespace varn::core::detail

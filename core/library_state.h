@@ -10,6 +10,7 @@
 #define VARN_CORE_LIBRARY_STATE_H_
 
 #include <cstddef>
+#include <cstdint>
 
 #include "core/library_lock.h"
 #include "varn.h"
@@ -43,8 +44,13 @@ struct Setup {
   int wait_period = 0;
 };
 
-const Setup& Fixed();
-Setup& MutableSetup() REQUIRES(kLibrary);
+namespace detail {
+extern Setup g_setup;
+}  // namespace detail
+
+// Inline: read on every call, the per-record stream calls included.
+inline const Setup& Fixed() { return detail::g_setup; }
+inline Setup& MutableSetup() REQUIRES(kLibrary) { return detail::g_setup; }
 
 struct LibraryState {
   bool initialised = false;
@@ -70,9 +76,17 @@ struct LibraryState {
   // Line buffer of the line readers (grows; 1025 bytes at first).
   char* line_buffer = nullptr;
   std::size_t line_capacity = 0;
+
+  // Fields replaced through varn_util_strcpy (see core::TextChanges).
+  std::uint64_t text_changes = 0;
 };
 
-LibraryState& State() REQUIRES(kLibrary);
+namespace detail {
+// Defined in globals.cc; reached only through State().
+extern LibraryState g_state GUARDED_BY(kLibrary);
+}  // namespace detail
+
+inline LibraryState& State() REQUIRES(kLibrary) { return detail::g_state; }
 
 }  // namespace varn::core
 

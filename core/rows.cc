@@ -48,14 +48,6 @@ bool CopyPayload(VarnEntry& e, const char* payload, std::size_t length) {
 
 LibraryCapability kLibrary;
 
-int ActiveCount() {
-  LibraryState& state = State();
-  if (state.active_count == -1) state.active_count = VARN_DEFAULT_ENTRIES;
-  return state.active_count;
-}
-
-bool ValidHandle(int h) { return h >= 0 && h < ActiveCount(); }
-
 const char* Row::LastText() const {
   if (IsSignal(last_category())) return g_signal_buffer;
   return e_.last_data;

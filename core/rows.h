@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "core/library_lock.h"
+#include "core/library_state.h"
 #include "varn.h"
 
 namespace varn::core {
@@ -34,8 +35,18 @@ enum class Stream : std::uint32_t {
 };
 
 // The active entry count, turning the unset value into the default.
-int ActiveCount() REQUIRES(kLibrary);
-bool ValidHandle(int h) REQUIRES(kLibrary);
+inline int ActiveCount() REQUIRES(kLibrary) {
+  LibraryState& state = State();
+  if (state.active_count == -1) state.active_count = VARN_DEFAULT_ENTRIES;
+  return state.active_count;
+}
+inline bool ValidHandle(int h) REQUIRES(kLibrary) { return h >= 0 && h < ActiveCount(); }
+
+// How many times a stored text (a row's address among them) has been
+// replaced: every varn_util_strcpy that changed a field counts. While the
+// count stays the same, a comparison made with a row's address still holds
+// (the stream paths compare once per packet instead of once per record).
+inline std::uint64_t TextChanges() REQUIRES(kLibrary) { return State().text_changes; }
 
 // The text of the last KILL, INTR or SRVR_ERR: at most this many bytes.
 inline constexpr std::size_t kSignalTextMax = 1023;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/library_state.h"
+#include "core/rows.h"
 #include "host/gui.h"
 #include "platform/system.h"
 #include "varn.h"
@@ -18,7 +19,9 @@ void varn_util_compress_args(char** argv, int index, int* argc, int count) noexc
 }
 
 int varn_util_strcpy(char** field, const char* text) noexcept {
+  varn::core::OnApplicationThread();
   if (*field != nullptr && text != nullptr && std::strcmp(*field, text) == 0) return 1;
+  ++varn::core::State().text_changes;
   std::free(*field);
   *field = nullptr;
   if (text == nullptr || *text == '\0') return 1;  // an empty text is never stored

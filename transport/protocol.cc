@@ -9,6 +9,7 @@
 #include "core/rows.h"
 #include "transport/await.h"
 #include "transport/channel.h"
+#include "transport/data_batch.h"
 #include "transport/hub_channel.h"
 #include "varn.h"
 
@@ -97,7 +98,7 @@ extern "C" int varnP_send_framed(varnHandle h, int category, const char* payload
   varn::core::OnApplicationThread();
   varn::core::Row row(h);
   if (category == VARN_DATA && row.send_stream() == varn::core::Stream::kStreaming) {
-    return varnP_data_batch_add(row.entry().address, payload, length);
+    return varn::transport::AddRecordFor(h, payload, length);
   }
   return varn_send_packet(row.entry().address, row.entry().local_address, category, payload,
                           length);

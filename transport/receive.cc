@@ -196,9 +196,56 @@ void DeliverEnd(int* category, char* buffer, int64_t size, std::size_t* length)
   stream::Reset();
 }
 
+// The last row found to be the stream's source, while neither its address
+// nor the source has changed: every record is read with this check, the
+// comparison is made once a packet.
+struct SourceMatch {
+  int row = -1;
+  std::uint64_t texts = 0;
+  std::uint64_t sources = 0;
+};
+SourceMatch g_source_match GUARDED_BY(core::kLibrary);
+
 bool StreamSourceMatches(int h) REQUIRES(core::kLibrary) {
+  SourceMatch& m = g_source_match;
+  if (m.row == h && m.texts == core::TextChanges() && m.sources == stream::SourceChanges()) {
+    return true;
+  }
   const char* address = VarnMessage[h].address;
-  return address != nullptr && std::strcmp(address, stream::Source()) == 0;
+  if (address == nullptr || std::strcmp(address, stream::Source()) != 0) return false;
+  m = {h, core::TextChanges(), stream::SourceChanges()};
+  return true;
+}
+
+// Takes the next record of the stream buffer, which holds bytes: 1 with
+// the record, or 0 with the error number.
+int TakeRecord(int* category, char* buffer, int64_t size, std::size_t* length)
+    REQUIRES(core::kLibrary) {
+  std::size_t n = 0;
+  switch (stream::Take(buffer, size, &n)) {
+    case stream::Taken::kCorrupt:
+      VarnErrorNo = VARN_E_PARSE;  // corrupt stream data: the stream is dropped
+      return 0;
+    case stream::Taken::kTooLong:
+      VarnErrorNo = VARN_E_TOO_LONG;
+      *length = n;
+      return 0;
+    case stream::Taken::kRecord:
+      break;
+  }
+  *category = VARN_DATA;
+  *length = n;
+  return 1;
+}
+
+// The per-record path: a record of row h's stream already in the stream
+// buffer is taken at once, as the active channel's stream read would (only
+// the hub channel fills that buffer). 1 or 0 as that read returns; -1 when
+// the read must go the whole way (nothing buffered, or another source).
+int TakeBufferedRecord(int h, int* category, char* buffer, std::int64_t size, std::size_t* length)
+    REQUIRES(core::kLibrary) {
+  if (stream::Unread() == 0 || !core::ValidHandle(h) || !StreamSourceMatches(h)) return -1;
+  return TakeRecord(category, buffer, size, length);
 }
 
 }  // namespace
@@ -239,7 +286,7 @@ int ReadStreamRecord(int h, int* category, char* buffer, int64_t size, std::size
     // buffer is used up.
     *category = VARN_DATA;
     std::size_t n = 0;
-    if (!stream::TakeRecord(buffer, &n)) {
+    if (stream::Take(buffer, -1, &n) != stream::Taken::kRecord) {
       VarnErrorNo = VARN_E_PARSE;
       return 0;
     }
@@ -285,23 +332,7 @@ int ReadStreamRecord(int h, int* category, char* buffer, int64_t size, std::size
       return 0;
     }
   }
-  std::size_t n = 0;
-  if (!stream::PeekLength(&n)) {
-    VarnErrorNo = VARN_E_PARSE;  // corrupt stream data: the stream is dropped
-    return 0;
-  }
-  if (size >= 0 && n >= static_cast<std::size_t>(size)) {
-    VarnErrorNo = VARN_E_TOO_LONG;
-    *length = n;
-    return 0;
-  }
-  *category = VARN_DATA;
-  if (!stream::TakeRecord(buffer, &n)) {
-    VarnErrorNo = VARN_E_PARSE;
-    return 0;
-  }
-  *length = n;
-  return 1;
+  return TakeRecord(category, buffer, size, length);
 }
 
 }  // namespace varn::transport
@@ -545,6 +576,8 @@ extern "C" int varn_receive_read_data(varnHandle h, int* category, char* buffer,
                                       size_t* length, int lane) noexcept {
   varn::core::OnApplicationThread();
   using How = transport::Channel::StreamRead;
+  int taken = transport::TakeBufferedRecord(h, category, buffer, size, length);
+  if (taken >= 0) return taken;
   return transport::ActiveChannel().ReadStream(h, category, buffer, size, length,
                                                lane != 0 ? How::kLane : How::kNoLane);
 }

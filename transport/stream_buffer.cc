@@ -15,6 +15,7 @@ constexpr std::size_t kMinCapacity = 32768;
 using core::kLibrary;
 
 char g_source[256] GUARDED_BY(kLibrary);
+std::uint64_t g_source_changes GUARDED_BY(kLibrary) = 0;
 char* g_buffer GUARDED_BY(kLibrary) = nullptr;
 std::size_t g_capacity GUARDED_BY(kLibrary) = 0;
 std::size_t g_offset GUARDED_BY(kLibrary) = 0;  // read offset
@@ -51,6 +52,7 @@ bool LocateRecord(std::size_t* skipped, std::size_t* length) REQUIRES(kLibrary) 
 
 void Reset() {
   g_source[0] = '\0';
+  ++g_source_changes;
   std::free(g_buffer);
   g_buffer = nullptr;
   g_capacity = 0;
@@ -82,41 +84,28 @@ bool Append(const char* source, const char* payload, std::size_t length) {
 std::size_t Unread() { return g_unread; }
 const char* Source() { return g_source; }
 void SetSource(const char* source) {
-  std::snprintf(g_source, sizeof g_source, "%s", source ? source : "");
+  if (source == nullptr) source = "";
+  if (std::strncmp(g_source, source, sizeof g_source - 1) == 0) return;
+  std::snprintf(g_source, sizeof g_source, "%s", source);
+  ++g_source_changes;
 }
+std::uint64_t SourceChanges() { return g_source_changes; }
 
-bool PeekLength(std::size_t* length) {
+Taken Take(char* buffer, std::int64_t capacity, std::size_t* length) {
+  std::size_t skipped = 0, n = 0;
   if (g_unread <= wire::kLengthDigits) {
-    *length = 0;
     Empty();
-    return true;
-  }
-  std::size_t skipped;
-  if (!LocateRecord(&skipped, length)) {
+  } else if (!LocateRecord(&skipped, &n)) {
     Empty();
-    return false;
+    return Taken::kCorrupt;
+  } else if (g_unread - skipped <= wire::kLengthDigits) {
+    Empty();  // padding and fewer than seven bytes: no record
   }
-  if (g_unread - skipped <= wire::kLengthDigits) Empty();
-  return true;
-}
-
-bool TakeRecord(char* buffer, std::size_t* length) {
-  if (g_unread <= wire::kLengthDigits) {
-    *length = 0;
+  *length = n;
+  if (capacity >= 0 && n >= static_cast<std::size_t>(capacity)) return Taken::kTooLong;
+  if (g_unread == 0) {
     buffer[0] = '\0';
-    Empty();
-    return true;
-  }
-  std::size_t skipped, n;
-  if (!LocateRecord(&skipped, &n)) {
-    Empty();
-    return false;
-  }
-  if (g_unread - skipped <= wire::kLengthDigits) {
-    *length = 0;
-    buffer[0] = '\0';
-    Empty();
-    return true;
+    return Taken::kRecord;
   }
   std::memcpy(buffer, g_buffer + g_offset + skipped + wire::kLengthDigits, n);
   buffer[n] = '\0';
@@ -124,8 +113,7 @@ bool TakeRecord(char* buffer, std::size_t* length) {
   g_offset += used;
   g_unread -= used;
   if (g_unread < wire::kLengthDigits) Empty();
-  *length = n;
-  return true;
+  return Taken::kRecord;
 }
 
 const char* EndText() { return g_end_text; }

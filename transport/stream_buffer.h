@@ -8,6 +8,7 @@
 #define VARN_TRANSPORT_STREAM_BUFFER_H_
 
 #include <cstddef>
+#include <cstdint>
 
 #include "core/library_lock.h"
 
@@ -20,14 +21,22 @@ bool Append(const char* source, const char* payload, std::size_t length) REQUIRE
 std::size_t Unread() REQUIRES(core::kLibrary);
 const char* Source() REQUIRES(core::kLibrary);
 void SetSource(const char* source) REQUIRES(core::kLibrary);
+// Counts the changes of Source(): a comparison with it holds while the
+// count stays the same.
+std::uint64_t SourceChanges() REQUIRES(core::kLibrary);
 
-// The next record's length. False when the data is corrupt (a record that
-// claims more bytes than there are, or a length that is not six digits); the
-// stream is then emptied. With six or fewer unread bytes the length is 0 and
-// the buffer is emptied.
-bool PeekLength(std::size_t* length) REQUIRES(core::kLibrary);
-// Copies the next record into buffer with a NUL after it.
-bool TakeRecord(char* buffer, std::size_t* length) REQUIRES(core::kLibrary);
+// What Take did with the next record.
+enum class Taken {
+  kRecord,   // copied into the buffer, with a NUL after it
+  kTooLong,  // it needs `capacity` or more bytes: left where it is
+  kCorrupt,  // a length that is not six digits, or more bytes than there
+             // are: the stream is emptied
+};
+// Takes the next record into buffer (capacity bytes; negative: large
+// enough), *length its size. With six or fewer unread bytes (after the
+// padding) there is no record: the length is 0 and the buffer is emptied.
+// The record's length is parsed once: this runs for every record read.
+Taken Take(char* buffer, std::int64_t capacity, std::size_t* length) REQUIRES(core::kLibrary);
 
 // The END text of the stream (null when none).
 const char* EndText() REQUIRES(core::kLibrary);

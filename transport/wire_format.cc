@@ -137,17 +137,6 @@ WireError BuildPacket(char* buf, std::size_t capacity, std::string_view destinat
   return WireError::kOk;
 }
 
-WireError ParseLength(const char* digits, std::size_t* length) {
-  std::size_t value = 0;
-  for (std::size_t i = 0; i < kLengthDigits; ++i) {
-    char c = digits[i];
-    if (c < '0' || c > '9') return WireError::kBadLength;
-    value = value * 10 + static_cast<std::size_t>(c - '0');
-  }
-  *length = value;
-  return WireError::kOk;
-}
-
 WireError SplitBody(const char* body, std::size_t length, Header* header) {
   std::string_view tokens[3];
   std::size_t pos = 0;

@@ -97,15 +97,31 @@ std::size_t PacketSize(std::string_view destination, std::string_view source, in
                        std::size_t payload_len);
 
 // Writes n (below 10^6) as the six-digit length field, without a NUL.
+// Two digits a step: every DATA record has one of these.
 inline void WriteLength(char* p, std::size_t n) {
-  for (int i = static_cast<int>(kLengthDigits) - 1; i >= 0; --i) {
-    p[i] = static_cast<char>('0' + n % 10);
-    n /= 10;
+  static constexpr char kPairs[] =
+      "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+      "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+      "8081828384858687888990919293949596979899";
+  for (int i = static_cast<int>(kLengthDigits) - 2; i >= 0; i -= 2) {
+    const char* pair = kPairs + 2 * (n % 100);
+    p[i] = pair[0];
+    p[i + 1] = pair[1];
+    n /= 100;
   }
 }
 
 // Reads the six-digit length field strictly (six ASCII digits).
-WireError ParseLength(const char* digits, std::size_t* length);
+inline WireError ParseLength(const char* digits, std::size_t* length) {
+  std::size_t value = 0;
+  for (std::size_t i = 0; i < kLengthDigits; ++i) {
+    unsigned digit = static_cast<unsigned char>(digits[i]) - static_cast<unsigned>('0');
+    if (digit > 9) return WireError::kBadLength;
+    value = value * 10 + digit;
+  }
+  *length = value;
+  return WireError::kOk;
+}
 
 // The split of a packet body. Views point into the body; the body itself is
 // not modified. The three tokens are found as strtok(" ") would find them

@@ -48,10 +48,14 @@ bool ReadRecords(std::vector<std::string>* records) {
   while (stream::Unread() > 0) {
     std::size_t before = stream::Unread();
     std::size_t n = 0;
-    if (!stream::PeekLength(&n)) {
+    char none = '\0';
+    // No room at all: the record's length comes back, the record stays.
+    stream::Taken first = stream::Take(&none, 0, &n);
+    if (first == stream::Taken::kCorrupt) {
       FUZZ_CHECK(stream::Unread() == 0);
       return false;
     }
+    FUZZ_CHECK(first == stream::Taken::kTooLong);
     if (before <= wire::kLengthDigits) {
       FUZZ_CHECK(n == 0 && stream::Unread() == 0);
       break;
@@ -60,10 +64,12 @@ bool ReadRecords(std::vector<std::string>* records) {
     // Exactly the room the record needs, so that an overrun is caught.
     std::vector<char> buffer(n + 1);
     std::size_t taken = 0;
-    if (!stream::TakeRecord(buffer.data(), &taken)) {
-      FUZZ_CHECK(stream::Unread() == 0);
-      return false;
+    if (n > 0) {
+      FUZZ_CHECK(stream::Take(buffer.data(), static_cast<std::int64_t>(n), &taken) ==
+                 stream::Taken::kTooLong);
     }
+    FUZZ_CHECK(stream::Take(buffer.data(), static_cast<std::int64_t>(n + 1), &taken) ==
+               stream::Taken::kRecord);
     FUZZ_CHECK(taken == n && buffer[n] == '\0');
     FUZZ_CHECK(stream::Unread() < before);
     records->emplace_back(buffer.data(), n);

@@ -570,6 +570,32 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     Report("end %d", varn_send_msg(h, VARN_END, nullptr, 0));
     return 0;
   }
+  if (mode == "two-streams") {  // records to two peers' streams in turn; reads S1's stream
+    int h1 = Connect("srv", "S1@h");
+    int h2 = Connect("srv2", "S2@h");
+    int b1 = varn_send_msg(h1, VARN_BEGIN, "one", 0);
+    int b2 = varn_send_msg(h2, VARN_BEGIN, "two", 0);
+    Report("begin %d %d", b1, b2);
+    int r = varn_send_msg(h1, VARN_DATA, "abc", 3);
+    r += varn_send_msg(h1, VARN_DATA, "hello", 0);  // a text: its length is its own
+    r += varn_send_msg(h2, VARN_DATA, "xy", 2);
+    r += varn_send_msg(h1, VARN_DATA, "z", 1);
+    r += varn_send_msg(h2, VARN_DATA, "", 0);
+    Report("records %d", r);
+    int e1 = varn_send_msg(h1, VARN_END, nullptr, 0);
+    int e2 = varn_send_msg(h2, VARN_END, nullptr, 0);
+    Report("end %d %d", e1, e2);
+    ReportWait(h1);  // S1's BEGIN
+    uint32_t category = 0, length = 0;
+    char buffer[64];
+    r = varn_recv_data(h1, &category, buffer, sizeof buffer, &length);
+    Report("record %d %.*s", r, static_cast<int>(length), buffer);
+    // S1's stream is buffered: a read of S2's stream must not take from it.
+    r = varn_recv_data(h2, &category, buffer, sizeof buffer, &length);
+    Report("other %d err=%d", r, VarnErrorNo);
+    ReportStream(h1);
+    return 0;
+  }
   if (mode == "stderr-burst") {  // many error lines, then the end at once
     for (int i = 0; i < 200; ++i) std::fprintf(stderr, "burst line %d\n", i);
     return 0;

@@ -149,6 +149,44 @@ TEST_F(TransportTest, BatchedStreamReadsBackRecordByRecordAcrossPackets) {
   AckExitNotice();
 }
 
+// Records to two streams in turn: each peer's batch goes out when records
+// turn to the other, byte for byte; and a buffered stream is read only
+// through its own row.
+TEST_F(TransportTest, RecordsToTwoStreamsInTurnKeepTheirPeersAndOrder) {
+  StartPeer("two-streams");
+  EXPECT_EQ(Expect("BEGIN").destination, kS1);
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(Expect("BEGIN").destination, kS2);
+  ASSERT_TRUE(hub_.Send(self_, kS2, "ACK"));
+  EXPECT_EQ(hub_.Report(), "begin 1 1");
+  EXPECT_EQ(hub_.Report(), "records 5");
+  const std::pair<const char*, std::string> batches[] = {
+      {kS1, "000003abc000005hello"}, {kS2, "000002xy"}, {kS1, "000001z"}, {kS2, "000000"}};
+  for (const auto& [peer, payload] : batches) {
+    Packet p = Expect("DATA");
+    EXPECT_EQ(p.destination, peer);
+    EXPECT_EQ(p.payload, payload);
+  }
+  EXPECT_EQ(Expect("END").destination, kS1);
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(Expect("END").destination, kS2);
+  ASSERT_TRUE(hub_.Send(self_, kS2, "ACK"));
+  EXPECT_EQ(hub_.Report(), "end 1 1");
+
+  ASSERT_TRUE(hub_.Send(self_, kS1, "BEGIN", "t"));
+  Expect("ACK");
+  EXPECT_EQ(hub_.Report(), "wait 1 err=0 cat=BEGIN text=t");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "DATA", "000002r1000002r2"));
+  EXPECT_EQ(hub_.Report(), "record 1 r1");
+  EXPECT_EQ(hub_.Report(), "other 0 err=41");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "END"));
+  EXPECT_EQ(hub_.Report(), "record 2 r2");
+  Expect("ACK");
+  EXPECT_EQ(hub_.Report(), "end ");
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
 TEST_F(TransportTest, StatusAndQueryAreAnsweredByTheLibrary) {
   StartPeer("serve");
   EXPECT_EQ(hub_.Report(), "ready");
