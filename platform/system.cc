@@ -1,5 +1,6 @@
 #include "platform/system.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/utsname.h>
@@ -89,6 +90,12 @@ bool PrepareExitDeadline() {
   if (timer_create(CLOCK_MONOTONIC, &ev, &g_exit_timer) != 0) return false;
   g_exit_timer_ready.store(true);
   return true;
+}
+
+void ReturnFreeMemory() {
+#if defined(__GLIBC__)
+  malloc_trim(0);
+#endif
 }
 
 bool ArmExitDeadline(int ms, int status) {

@@ -53,6 +53,10 @@ bool PrepareExitDeadline();
 // calling thread unblocks the signal so that it can be delivered.
 bool ArmExitDeadline(int ms, int status);
 
+// Gives the allocator's free pages back to the system (a process whose
+// buffers grew for a burst and were freed keeps them resident otherwise).
+void ReturnFreeMemory();
+
 // A write to a pipe whose reader is gone reports EPIPE instead of ending
 // the process: SIGPIPE is ignored unless the program installed a handler.
 void DefaultBrokenPipeToIgnore();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/io.h"
+#include "platform/system.h"
 #include "quon/log.h"
 #include "transport/wire_format.h"
 
@@ -28,6 +29,21 @@ constexpr std::size_t kReadEverything = static_cast<std::size_t>(-1);
 // A client's pipe that fills up (a stream) is grown to this once, so that
 // more of the stream is in flight per wake-up of the hub and the client.
 constexpr std::size_t kStreamingPipe = 1u << 20;
+
+// Buffers let go after a burst go back to the system a little later, once
+// for all of them: the allocator keeps freed memory resident otherwise. The
+// hub's loop thread only.
+constexpr std::int64_t kReturnDelayMs = 250;
+platform::EventLoop* g_return_pending = nullptr;  // the loop whose timer is set
+
+void ReturnMemorySoon(platform::EventLoop& loop) {
+  if (g_return_pending == &loop) return;
+  g_return_pending = &loop;
+  loop.AddTimer(kReturnDelayMs, [] {
+    g_return_pending = nullptr;
+    platform::ReturnFreeMemory();
+  });
+}
 
 // The client's address, with or without a route prefix.
 bool IsOwnSource(std::string_view source, std::string_view address) {
@@ -85,6 +101,7 @@ bool Connection::Start() {
 void Connection::Send(const char* data, std::size_t size) {
   if (closed_) return;
   output_.Append(data, size);
+  output_held_ = std::max(output_held_, output_.capacity());
   if (output_.size() > limits_.high_water) congested_ = true;
   // While the write interest is on, the loop writes when the client takes
   // more; otherwise the end of the round does.
@@ -109,6 +126,8 @@ void Connection::OnRoundEnd() {
 }
 
 void Connection::AfterFlush() {
+  if (output_held_ > OutputBuffer::kKeptBytes && output_.capacity() == 0) ReturnMemorySoon(loop_);
+  output_held_ = output_.capacity();
   if (!output_.empty() && !write_pipe_grown_) {
     // The client does not keep up: a larger pipe takes more at once.
     write_pipe_grown_ = true;
@@ -176,6 +195,7 @@ void Connection::OnReadable() {
     // Only a little came this time: the stream, if there was one, is over.
     framer_.ReleaseIfEmpty();
     read_chunk_ = kFirstReadChunk;
+    ReturnMemorySoon(loop_);
   }
   if (input_ended_ && !paused_) {
     ReportClosed();

@@ -104,6 +104,7 @@ class Connection final : private platform::RoundEnd {
   QueueLimits limits_;
   PacketFramer framer_;
   OutputBuffer output_;
+  std::size_t output_held_ = 0;  // output_'s largest capacity since its last flush
   int bad_in_row_ = 0;
   std::uint64_t bad_total_ = 0;  // bad packets dropped, in all
   bool sent_bad_input_ = false;  // in its last wake-up: read a little at a time

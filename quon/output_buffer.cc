@@ -15,28 +15,38 @@ bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 void OutputBuffer::Append(const char* data, std::size_t size) {
   if (size == 0) return;
-  if (tail_ + size > bytes_.size()) {
+  if (tail_ + size > capacity_) {
     // Reuse the consumed front before growing.
     if (head_ > 0) {
-      std::memmove(bytes_.data(), bytes_.data() + head_, tail_ - head_);
+      std::memmove(bytes_.get(), bytes_.get() + head_, tail_ - head_);
       tail_ -= head_;
       head_ = 0;
     }
-    if (tail_ + size > bytes_.size()) bytes_.resize(std::max(tail_ + size, bytes_.size() * 2));
+    if (tail_ + size > capacity_) {
+      std::size_t grown = std::max(tail_ + size, capacity_ * 2);
+      std::unique_ptr<char[]> bigger(new char[grown]);
+      if (tail_ > 0) std::memcpy(bigger.get(), bytes_.get(), tail_);
+      bytes_ = std::move(bigger);
+      capacity_ = grown;
+    }
   }
-  std::memcpy(bytes_.data() + tail_, data, size);
+  std::memcpy(bytes_.get() + tail_, data, size);
   tail_ += size;
+}
+
+void OutputBuffer::Release() {
+  bytes_.reset();
+  capacity_ = 0;
 }
 
 OutputBuffer::Flush OutputBuffer::WriteTo(int fd) {
   while (head_ < tail_) {
-    long n = platform::WriteSome(fd, bytes_.data() + head_, tail_ - head_);
+    long n = platform::WriteSome(fd, bytes_.get() + head_, tail_ - head_);
     if (n < 0) return WouldBlock(platform::LastError()) ? Flush::kBlocked : Flush::kFailed;
     head_ += static_cast<std::size_t>(n);
   }
   head_ = tail_ = 0;
-  // A large burst should not pin its memory for the client's lifetime.
-  if (bytes_.size() > (1u << 20)) std::vector<char>().swap(bytes_);
+  if (capacity_ > kKeptBytes) Release();
   return Flush::kEmpty;
 }
 
@@ -58,7 +68,7 @@ bool OutputBuffer::WriteOrAppend(int fd, const char* data, std::size_t size) {
 
 void OutputBuffer::Clear() {
   head_ = tail_ = 0;
-  std::vector<char>().swap(bytes_);
+  Release();
 }
 
 }  // namespace varn::quon

@@ -3,16 +3,20 @@
 // Bytes leave in the order they were added; a write that the descriptor
 // cannot take completely leaves the rest at the front. The buffer never
 // drops data: bounding it is the caller's job (see Connection::congested).
+// Once drained, a buffer larger than kKeptBytes is given back: a burst
+// does not pin its memory for the client's lifetime.
 #ifndef VARN_QUON_OUTPUT_BUFFER_H_
 #define VARN_QUON_OUTPUT_BUFFER_H_
 
 #include <cstddef>
-#include <vector>
+#include <memory>
 
 namespace varn::quon {
 
 class OutputBuffer {
  public:
+  static constexpr std::size_t kKeptBytes = 64 * 1024;
+
   enum class Flush { kEmpty, kBlocked, kFailed };
 
   void Append(const char* data, std::size_t size);
@@ -29,8 +33,14 @@ class OutputBuffer {
 
   void Clear();
 
+  // Bytes held for the client, used or not.
+  std::size_t capacity() const { return capacity_; }
+
  private:
-  std::vector<char> bytes_;
+  void Release();
+
+  std::unique_ptr<char[]> bytes_;  // not zero-filled: only [head_, tail_) is read
+  std::size_t capacity_ = 0;
   std::size_t head_ = 0;
   std::size_t tail_ = 0;
 };

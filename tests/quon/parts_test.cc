@@ -12,6 +12,7 @@
 #include "platform/system.h"
 #include "quon/file_service.h"
 #include "quon/link_broker.h"
+#include "quon/output_buffer.h"
 #include "quon/packet_framer.h"
 #include "quon/start_request.h"
 #include "tests/support/launcher.h"
@@ -84,6 +85,43 @@ TEST(QuonPacketFramerTest, ReportsBadInputAndRecovers) {
   EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kPacket);
   EXPECT_EQ(framer.Next(&p, &reason), PacketFramer::Result::kBad);
   EXPECT_EQ(reason, "unknown category word \"NOPE\"");
+}
+
+// Bytes leave in order across writes the pipe takes only in part; once
+// drained, a buffer grown past kKeptBytes is given back, a small one kept.
+TEST(QuonOutputBufferTest, DrainsInOrderAndGivesBackALargeBlock) {
+  int fds[2];
+  ASSERT_TRUE(platform::CreatePipe(fds));
+  ASSERT_TRUE(platform::SetNonBlocking(fds[1], true));
+  std::string sent;
+  for (int i = 0; sent.size() <= 3 * OutputBuffer::kKeptBytes; ++i) {
+    sent += std::to_string(i) + ' ';
+  }
+  OutputBuffer out;
+  out.Append(sent.data(), sent.size());
+  EXPECT_GT(out.capacity(), OutputBuffer::kKeptBytes);
+  std::string got;
+  char chunk[8192];
+  for (int round = 0; round < 1000 && !out.empty(); ++round) {
+    ASSERT_NE(out.WriteTo(fds[1]), OutputBuffer::Flush::kFailed);
+    long n = platform::ReadSome(fds[0], chunk, sizeof chunk);
+    ASSERT_GT(n, 0);
+    got.append(chunk, static_cast<std::size_t>(n));
+  }
+  ASSERT_TRUE(out.empty());
+  EXPECT_EQ(out.capacity(), 0u);
+  while (got.size() < sent.size()) {
+    long n = platform::ReadSome(fds[0], chunk, sizeof chunk);
+    ASSERT_GT(n, 0);
+    got.append(chunk, static_cast<std::size_t>(n));
+  }
+  EXPECT_EQ(got, sent);
+
+  out.Append("small", 5);
+  EXPECT_EQ(out.WriteTo(fds[1]), OutputBuffer::Flush::kEmpty);
+  EXPECT_GT(out.capacity(), 0u);
+  platform::Close(fds[0]);
+  platform::Close(fds[1]);
 }
 
 TEST(QuonStartRequestTest, SplitsArgumentsLikeAShell) {
