@@ -3,7 +3,10 @@
 // Locks, in the order they may be taken:
 //   1. the send lock (re-entrant): varn_send_msg holds it across a whole
 //      protocol step, varnP_write_packet around each packet, so that two
-//      threads sending at once do not interleave their exchanges;
+//      threads sending at once do not interleave their exchanges. A DATA
+//      record has no step after its write (or its append to the batch, which
+//      belongs to the application's thread): varn_send_msg takes no lock
+//      for it, the packet writer's hold covers the write;
 //   2. the wire lock: held while the bytes of one packet go onto the
 //      channel, so packets of different threads never interleave. It is the
 //      socket write lock, used for pipes as well;
