@@ -310,7 +310,9 @@ VARN_EXPORT int varn_call_deadline(varnHandle h, const char* command, int timeou
                                    uint32_t* length, char* detail) VARN_NOEXCEPT;
 /* Cancels h's outstanding command: sends INTR with `text` (may be null) and
    waits, within timeout_ms, for the one DONE or ERROR that ends the command.
-   An answer that was already queued is that one. */
+   An answer that was already queued is that one. The command's ACK, when a
+   call gave up before it came, is taken on the way; its NAK ends the
+   command and is returned. */
 VARN_EXPORT int varn_cancel(varnHandle h, const char* text, int timeout_ms, uint32_t* category,
                             char* buffer, uint32_t capacity, uint32_t* length,
                             char* detail) VARN_NOEXCEPT;

@@ -140,7 +140,7 @@ PeerState AskAtDeadline(Row& row, CategorySet until, int timeout_ms) REQUIRES(co
   // An answer that did not come in time, or that something expected
   // overtook, must not reach a later wait on this peer.
   if (!answered && state.outcome != Outcome::kExited) {
-    transport::NoteLateStatus(row.entry().address);
+    transport::NoteLate(transport::LateAnswer::kStatus, row.entry().address);
   }
   if (answered) {
     std::string_view rest;
@@ -161,7 +161,12 @@ PeerState AskAtDeadline(Row& row, CategorySet until, int timeout_ms) REQUIRES(co
 int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeout_ms,
                const Out& out) REQUIRES(core::kLibrary) {
   Outcome outcome = AwaitWithin(row, until, deadline_ms);
-  if (outcome == Outcome::kArrived) return Deliver(row, out);
+  if (outcome == Outcome::kArrived) {
+    // An ACK or NAK the caller waited for is the one a command that gave
+    // up on it left behind, if one did: the next command does not skip it.
+    transport::IsLateAcknowledgement(row);
+    return Deliver(row, out);
+  }
   if (outcome == Outcome::kFailed) return 0;  // VarnErrorNo says why (43: the hub)
   if (outcome == Outcome::kExited) {
     const char* text = row.LastText();
@@ -170,7 +175,10 @@ int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeou
   PeerState peer = AskAtDeadline(row, until, timeout_ms);
   switch (peer.outcome) {
     case Outcome::kArrived:
-      if (!peer.status) return Deliver(row, out);  // came during the query
+      if (!peer.status) {  // came during the query
+        transport::IsLateAcknowledgement(row);
+        return Deliver(row, out);
+      }
       return Fail(out, peer.code == VARN_STATUS_IDLE ? VARN_E_PEER_IDLE : VARN_E_PEER_BUSY,
                   peer.text);
     case Outcome::kExited: {
@@ -226,7 +234,10 @@ extern "C" int varn_call_deadline(varnHandle h, const char* command, int timeout
   transport::SendLockUnlessExempt lock;
   const char* text = command != nullptr ? command : "";
   if (!varnP_send_framed(h, VARN_CMD, text, std::strlen(text))) return 0;
-  Outcome outcome = AwaitWithin(row, kAcknowledgement, deadline_ms);
+  Outcome outcome;
+  do {
+    outcome = AwaitWithin(row, kAcknowledgement, deadline_ms);
+  } while (outcome == Outcome::kArrived && transport::IsLateAcknowledgement(row));
   if (outcome == Outcome::kFailed) return 0;
   if (outcome == Outcome::kExited) {
     const char* notice = row.LastText();
@@ -239,10 +250,19 @@ extern "C" int varn_call_deadline(varnHandle h, const char* command, int timeout
       const char* notice = row.LastText();
       return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
     }
-    if (peer.outcome == Outcome::kDeadline) return Fail(out, VARN_E_PEER_SILENT);
+    // Given up without the command's acknowledgement: when it comes, it
+    // must not answer the next command to this peer.
+    if (peer.outcome == Outcome::kDeadline) {
+      transport::NoteLate(transport::LateAnswer::kAcknowledgement, row.entry().address);
+      return Fail(out, VARN_E_PEER_SILENT);
+    }
     // The peer answered its status but its application has not taken the
-    // command; or the acknowledgement came during the query.
-    if (peer.status) return Fail(out, VARN_E_NO_ACK, peer.text);
+    // command; or an acknowledgement came during the query (an earlier
+    // command's, counted off, means this one's has not).
+    if (peer.status || transport::IsLateAcknowledgement(row)) {
+      transport::NoteLate(transport::LateAnswer::kAcknowledgement, row.entry().address);
+      return Fail(out, VARN_E_NO_ACK, peer.text);
+    }
   }
   if (!transport::AcknowledgementOutcome(h)) {
     // NAK (42 when busy), as varn_send_msg reports it.
@@ -263,6 +283,13 @@ extern "C" int varn_cancel(varnHandle h, const char* text, int timeout_ms, uint3
   Row row(h);
   if (row.is(RowState::kFree)) return Fail(out, VARN_E_CLOSED);
   // A DONE or ERROR already queued is the one that ends the command: the
-  // lane hands queued messages over first.
-  return FinishWait(row, kTerminal, deadline_ms, timeout_ms, out);
+  // lane hands queued messages over first. The acknowledgement of a command
+  // whose call gave up before it came is taken too: it belongs to the
+  // command cancelled here, and must not answer the next one. A NAK ends
+  // the command (it was refused), an ACK does not.
+  for (;;) {
+    int r = FinishWait(row, kTerminal.With(kAcknowledgement), deadline_ms, timeout_ms, out);
+    if (r == 0 || row.last_category() != VARN_ACK) return r;
+    Clear(out);
+  }
 }

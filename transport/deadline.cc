@@ -8,11 +8,12 @@ namespace {
 std::int64_t g_deadline_ms GUARDED_BY(core::kLibrary) = -1;
 bool g_passed GUARDED_BY(core::kLibrary) = false;
 
-// Late status answers still to come, by the peer's address. A few peers at
-// most have one on the way; a fixed table needs no allocation and no
+// Late answers still to come, by kind and the peer's address. A few peers
+// at most have one on the way; a fixed table needs no allocation and no
 // destructor at exit. When it is full the oldest entry gives way (its
-// answer then reaches the row like any status answer).
+// answer then reaches the row like any other).
 struct Late {
+  LateAnswer kind;
   char address[256];
   int count;
 };
@@ -20,9 +21,11 @@ constexpr int kLateSlots = 16;
 Late g_late[kLateSlots] GUARDED_BY(core::kLibrary);
 int g_late_next GUARDED_BY(core::kLibrary) = 0;
 
-Late* FindLate(const char* address) REQUIRES(core::kLibrary) {
+Late* FindLate(LateAnswer kind, const char* address) REQUIRES(core::kLibrary) {
   for (Late& late : g_late) {
-    if (late.count > 0 && std::strcmp(late.address, address) == 0) return &late;
+    if (late.count > 0 && late.kind == kind && std::strcmp(late.address, address) == 0) {
+      return &late;
+    }
   }
   return nullptr;
 }
@@ -56,9 +59,9 @@ std::int64_t CurrentDeadline() { return g_deadline_ms; }
 
 void NoteDeadlinePassed() { g_passed = true; }
 
-void NoteLateStatus(const char* address) {
+void NoteLate(LateAnswer kind, const char* address) {
   if (address == nullptr || std::strlen(address) >= sizeof g_late[0].address) return;
-  if (Late* late = FindLate(address)) {
+  if (Late* late = FindLate(kind, address)) {
     ++late->count;
     return;
   }
@@ -75,13 +78,14 @@ void NoteLateStatus(const char* address) {
     g_late_next = (g_late_next + 1) % kLateSlots;
   }
   Late& slot = *free;
+  slot.kind = kind;
   std::strcpy(slot.address, address);
   slot.count = 1;
 }
 
-bool TakeLateStatus(const char* address) {
+bool TakeLate(LateAnswer kind, const char* address) {
   if (address == nullptr) return false;
-  Late* late = FindLate(address);
+  Late* late = FindLate(kind, address);
   if (late == nullptr) return false;
   --late->count;
   return true;

@@ -7,8 +7,13 @@
 // cause. Scopes nest: the inner one is in force until it ends.
 //
 // A status query that a deadline cut short leaves its answer on the way:
-// NoteLateStatus makes the receive side drop that answer when it comes,
-// instead of filing it where a later wait on the peer would take it.
+// NoteLate makes the receive side drop that answer when it comes, instead
+// of filing it where a later wait on the peer would take it.
+//
+// A command whose acknowledgement a deadline gave up on leaves that ACK or
+// NAK on the way too. It is kept (a wait may ask for it), but noted: the
+// acknowledgement wait of the next command to the peer counts it off and
+// waits on for its own, since a peer acknowledges its commands in order.
 //
 // Thread ownership: the state belongs to whoever holds the library's state
 // (core::kLibrary): the application's thread, or the input thread while it
@@ -57,11 +62,16 @@ std::int64_t CurrentDeadline() REQUIRES(core::kLibrary);
 // A read gave up at the current deadline.
 void NoteDeadlinePassed() REQUIRES(core::kLibrary);
 
-// The next status answer from this address is late and goes nowhere.
-void NoteLateStatus(const char* address) REQUIRES(core::kLibrary);
-// Whether a status answer from this address is a late one (it is counted
-// off then).
-bool TakeLateStatus(const char* address) REQUIRES(core::kLibrary);
+// Answers a wait gave up on.
+enum class LateAnswer {
+  kStatus,           // STATUS, to a status query
+  kAcknowledgement,  // ACK or NAK, to a command (counted off by the waits)
+};
+// The next answer of this kind from this address is late and goes nowhere.
+void NoteLate(LateAnswer kind, const char* address) REQUIRES(core::kLibrary);
+// Whether an answer of this kind from this address is a late one (it is
+// counted off then).
+bool TakeLate(LateAnswer kind, const char* address) REQUIRES(core::kLibrary);
 
 }  // namespace varn::transport
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "core/library_lock.h"
+#include "core/rows.h"
 #include "transport/channel.h"
 
 namespace varn::transport {
@@ -31,6 +32,10 @@ int ProtocolStep(int h, int category, const char* payload, std::size_t length)
 // for the send: 1 for ACK; 0 for NAK (VarnErrorNo 42 when the peer said it
 // is busy) or for the peer's end (13).
 int AcknowledgementOutcome(int h) REQUIRES(core::kLibrary);
+// protocol.cc: whether row h's last message is the ACK or NAK of an earlier
+// command whose wait gave up at its deadline (deadline.h); it is counted
+// off then, and the wait for the next command's goes on.
+bool IsLateAcknowledgement(core::Row& row) REQUIRES(core::kLibrary);
 
 }  // namespace varn::transport
 

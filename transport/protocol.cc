@@ -10,6 +10,7 @@
 #include "transport/await.h"
 #include "transport/channel.h"
 #include "transport/data_batch.h"
+#include "transport/deadline.h"
 #include "transport/hub_channel.h"
 #include "varn.h"
 
@@ -22,7 +23,9 @@ using core::Stream;
 constexpr CategorySet kAcknowledgement = {VARN_ACK, VARN_NAK, VARN_SRVR_ERR};
 
 int AcknowledgementWait(Row& row, int wait_flag) REQUIRES(core::kLibrary) {
-  if (!AwaitRow(row.handle(), kAcknowledgement, true, wait_flag)) return 0;
+  do {
+    if (!AwaitRow(row.handle(), kAcknowledgement, true, wait_flag)) return 0;
+  } while (IsLateAcknowledgement(row));
   return AcknowledgementOutcome(row.handle());
 }
 
@@ -39,6 +42,12 @@ int ExitWait(Row& row) REQUIRES(core::kLibrary) {
 }
 
 }  // namespace
+
+bool IsLateAcknowledgement(Row& row) {
+  int last = row.last_category();
+  return (last == VARN_ACK || last == VARN_NAK) &&
+         TakeLate(LateAnswer::kAcknowledgement, row.entry().address);
+}
 
 int AcknowledgementOutcome(int h) {
   Row row(h);

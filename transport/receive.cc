@@ -440,7 +440,7 @@ extern "C" int varn_parse_message(const char* source, const char* destination, c
         return 1;
       }
       // The answer to a query whose wait gave up at its deadline.
-      if (transport::TakeLateStatus(source)) return 1;
+      if (transport::TakeLate(transport::LateAnswer::kStatus, source)) return 1;
       transport::StoreIfKnown(destination, source, category, payload, length);
       return 1;
     case VARN_KILL: {

@@ -145,6 +145,22 @@ int Client() {
     return varn_cancel(s, "stop", 5000, c, b, cap, l, d);
   });
   Run("after-cancel", Wait(s, kTerminal, 300));
+  // Given up before the server took it, then cancelled once it did: the
+  // cancel takes the command's late ACK, which must not answer the next
+  // command (that one's own ACK would then be left over).
+  Run("busy-again", Call(s, "spin 1000", 300));
+  Run("no-ack-again", Call(s, "until-intr", 300));
+  Run("spun", Wait(s, kTerminal, 5000));
+  char state[VARN_STATUS_TEXT_SIZE] = "";
+  for (int i = 0; i < 5000 && std::strcmp(state, "waiting for INTR") != 0; ++i) {
+    uint32_t code = 0;
+    if (!varn_query_status(s, &code, state)) break;  // each query is a round trip
+  }
+  Run("cancel-unacked", [s](uint32_t* c, char* b, uint32_t cap, uint32_t* l, char* d) {
+    return varn_cancel(s, "stop", 5000, c, b, cap, l, d);
+  });
+  Run("ack-left", Wait(s, VARN_CATEGORY_BIT(VARN_ACK), 300));
+  Run("next", Call(s, "echo next", 5000));
   // Stopped: not even its status comes. Once it goes on, the late status
   // answer is dropped and a fresh query gets a fresh answer.
   Run("stopped", Call(s, "stop-me", 300));

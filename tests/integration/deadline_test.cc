@@ -81,6 +81,12 @@ TEST(DeadlineTest, EachReasonComesFromARealPeerWithinItsBound) {
   EXPECT_LT(lines["cancel"].ms, 5000);
   // Exactly one answer: nothing follows the cancelled command's ERROR.
   EXPECT_EQ(lines["after-cancel"].rest, "r=0 err=78 cat=- text= detail=");
+  EXPECT_EQ(lines["busy-again"].rest, "r=0 err=77 cat=- text= detail=spinning");
+  EXPECT_EQ(lines["no-ack-again"].rest, "r=0 err=76 cat=- text= detail=spinning");
+  EXPECT_EQ(lines["spun"].rest, "r=1 err=0 cat=DONE text=spun detail=");
+  EXPECT_EQ(lines["cancel-unacked"].rest, "r=1 err=0 cat=ERROR text=cancelled detail=");
+  EXPECT_EQ(lines["next"].rest, "r=1 err=0 cat=DONE text=next detail=");
+  EXPECT_EQ(lines["ack-left"].rest, "r=0 err=78 cat=- text= detail=");
   EXPECT_EQ(lines["stopped"].rest, "r=0 err=79 cat=- text= detail=");
   ExpectWithin(lines["stopped"], 300);
   EXPECT_EQ(lines["resumed"].rest, "r=1 err=0 cat=DONE text=resumed detail=");

@@ -27,23 +27,26 @@ TEST(ReadDeadlineTest, ScopesNestAndACallbackScopeLiftsTheDeadline) {
   EXPECT_EQ(CurrentDeadline(), -1);
 }
 
-TEST(ReadDeadlineTest, LateStatusAnswersAreCountedOffByAddress) {
-  NoteLateStatus("1@h");
-  NoteLateStatus("1@h");
-  EXPECT_FALSE(TakeLateStatus("2@h"));
-  EXPECT_TRUE(TakeLateStatus("1@h"));
-  EXPECT_TRUE(TakeLateStatus("1@h"));
-  EXPECT_FALSE(TakeLateStatus("1@h"));
+TEST(ReadDeadlineTest, LateAnswersAreCountedOffByKindAndAddress) {
+  NoteLate(LateAnswer::kStatus, "1@h");
+  NoteLate(LateAnswer::kStatus, "1@h");
+  NoteLate(LateAnswer::kAcknowledgement, "1@h");
+  EXPECT_FALSE(TakeLate(LateAnswer::kStatus, "2@h"));
+  EXPECT_TRUE(TakeLate(LateAnswer::kStatus, "1@h"));
+  EXPECT_TRUE(TakeLate(LateAnswer::kStatus, "1@h"));
+  EXPECT_FALSE(TakeLate(LateAnswer::kStatus, "1@h"));
+  EXPECT_TRUE(TakeLate(LateAnswer::kAcknowledgement, "1@h"));
+  EXPECT_FALSE(TakeLate(LateAnswer::kAcknowledgement, "1@h"));
 }
 
 TEST(ReadDeadlineTest, AnAwaitedLateAnswerKeepsItsPlaceWhileOthersComeAndGo) {
-  NoteLateStatus("7@h");
+  NoteLate(LateAnswer::kStatus, "7@h");
   for (int i = 0; i < 40; ++i) {
     std::string other = std::to_string(100 + i) + "@h";
-    NoteLateStatus(other.c_str());
-    EXPECT_TRUE(TakeLateStatus(other.c_str()));
+    NoteLate(LateAnswer::kStatus, other.c_str());
+    EXPECT_TRUE(TakeLate(LateAnswer::kStatus, other.c_str()));
   }
-  EXPECT_TRUE(TakeLateStatus("7@h"));
+  EXPECT_TRUE(TakeLate(LateAnswer::kStatus, "7@h"));
 }
 
 }  // namespace
