@@ -124,24 +124,29 @@ struct PeerState {
   std::string text;  // the status text after the word
 };
 
-PeerState AskAtDeadline(Row& row, CategorySet until, int timeout_ms) REQUIRES(core::kLibrary) {
+// When the status query's answer is due: its bound after the deadline.
+// A call that asks more than once (its acknowledgement came during the
+// first query) shares the one bound, so that it returns within it.
+std::int64_t StatusAnswerDue(std::int64_t deadline_ms, int timeout_ms) {
   int bound = timeout_ms < kStatusBoundMinMs   ? kStatusBoundMinMs
               : timeout_ms > kStatusBoundMaxMs ? kStatusBoundMaxMs
                                                : timeout_ms;
+  return deadline_ms + bound;
+}
+
+bool SendStatusQuery(Row& row) REQUIRES(core::kLibrary) {
+  return varn_send_packet(row.entry().address, row.entry().local_address, VARN_STATUS_Q, nullptr,
+                          0) != 0;
+}
+
+// Waits until due_ms for the answer to a status query already sent, or for
+// one of `until`, whichever comes first.
+PeerState AwaitStatusAnswer(Row& row, CategorySet until, std::int64_t due_ms)
+    REQUIRES(core::kLibrary) {
   PeerState state;
-  state.outcome = Outcome::kFailed;
-  if (!varn_send_packet(row.entry().address, row.entry().local_address, VARN_STATUS_Q, nullptr,
-                        0)) {
-    return state;
-  }
-  state.outcome = AwaitWithin(row, until.With(kStatus), platform::MonotonicMillis() + bound);
+  state.outcome = AwaitWithin(row, until.With(kStatus), due_ms);
   bool answered = state.outcome == Outcome::kArrived && row.last_category() == VARN_STATUS &&
                   !until.contains(VARN_STATUS);
-  // An answer that did not come in time, or that something expected
-  // overtook, must not reach a later wait on this peer.
-  if (!answered && state.outcome != Outcome::kExited) {
-    transport::NoteLate(transport::LateAnswer::kStatus, row.entry().address);
-  }
   if (answered) {
     std::string_view rest;
     const char* payload = row.LastText();
@@ -156,23 +161,17 @@ PeerState AskAtDeadline(Row& row, CategorySet until, int timeout_ms) REQUIRES(co
   return state;
 }
 
-// Waits for `until` from the acknowledged (or never asked) peer, and at the
-// deadline says why nothing came.
-int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeout_ms,
-               const Out& out) REQUIRES(core::kLibrary) {
-  Outcome outcome = AwaitWithin(row, until, deadline_ms);
-  if (outcome == Outcome::kArrived) {
-    // An ACK or NAK the caller waited for is the one a command that gave
-    // up on it left behind, if one did: the next command does not skip it.
-    transport::IsLateAcknowledgement(row);
-    return Deliver(row, out);
+// An answer to the status query that did not come in time, or that
+// something expected overtook, must not reach a later wait on this peer.
+void DropStatusAnswer(Row& row, const PeerState& peer) REQUIRES(core::kLibrary) {
+  if (!peer.status && peer.outcome != Outcome::kExited) {
+    transport::NoteLate(transport::LateAnswer::kStatus, row.entry().address);
   }
-  if (outcome == Outcome::kFailed) return 0;  // VarnErrorNo says why (43: the hub)
-  if (outcome == Outcome::kExited) {
-    const char* text = row.LastText();
-    return Fail(out, VARN_E_PEER_EXITED, text != nullptr ? text : "");
-  }
-  PeerState peer = AskAtDeadline(row, until, timeout_ms);
+}
+
+// What the call returns once the status query is over: what came meanwhile,
+// or the reason nothing did.
+int Explain(Row& row, const PeerState& peer, const Out& out) REQUIRES(core::kLibrary) {
   switch (peer.outcome) {
     case Outcome::kArrived:
       if (!peer.status) {  // came during the query
@@ -191,6 +190,28 @@ int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeou
       return 0;
   }
   return 0;
+}
+
+// Waits for `until` from the acknowledged (or never asked) peer, and at the
+// deadline says why nothing came.
+int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeout_ms,
+               const Out& out) REQUIRES(core::kLibrary) {
+  Outcome outcome = AwaitWithin(row, until, deadline_ms);
+  if (outcome == Outcome::kArrived) {
+    // An ACK or NAK the caller waited for is the one a command that gave
+    // up on it left behind, if one did: the next command does not skip it.
+    transport::IsLateAcknowledgement(row);
+    return Deliver(row, out);
+  }
+  if (outcome == Outcome::kFailed) return 0;  // VarnErrorNo says why (43: the hub)
+  if (outcome == Outcome::kExited) {
+    const char* text = row.LastText();
+    return Fail(out, VARN_E_PEER_EXITED, text != nullptr ? text : "");
+  }
+  if (!SendStatusQuery(row)) return 0;
+  PeerState peer = AwaitStatusAnswer(row, until, StatusAnswerDue(deadline_ms, timeout_ms));
+  DropStatusAnswer(row, peer);
+  return Explain(row, peer, out);
 }
 
 std::int64_t DeadlineAfter(int timeout_ms) {
@@ -244,25 +265,37 @@ extern "C" int varn_call_deadline(varnHandle h, const char* command, int timeout
     return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
   }
   if (outcome == Outcome::kDeadline) {
-    PeerState peer = AskAtDeadline(row, kAcknowledgement, timeout_ms);
+    std::int64_t due_ms = StatusAnswerDue(deadline_ms, timeout_ms);
+    if (!SendStatusQuery(row)) return 0;
+    PeerState peer;
+    do {
+      peer = AwaitStatusAnswer(row, kAcknowledgement, due_ms);
+    } while (peer.outcome == Outcome::kArrived && !peer.status &&
+             transport::IsLateAcknowledgement(row));
     if (peer.outcome == Outcome::kFailed) return 0;
     if (peer.outcome == Outcome::kExited) {
       const char* notice = row.LastText();
       return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
     }
-    // Given up without the command's acknowledgement: when it comes, it
-    // must not answer the next command to this peer.
-    if (peer.outcome == Outcome::kDeadline) {
+    if (peer.outcome == Outcome::kDeadline || peer.status) {
+      // Given up without the command's acknowledgement: when it comes, it
+      // must not answer the next command to this peer.
+      DropStatusAnswer(row, peer);
       transport::NoteLate(transport::LateAnswer::kAcknowledgement, row.entry().address);
-      return Fail(out, VARN_E_PEER_SILENT);
+      // Silent; or it answered its status but its application has not
+      // taken the command.
+      return peer.status ? Fail(out, VARN_E_NO_ACK, peer.text) : Fail(out, VARN_E_PEER_SILENT);
     }
-    // The peer answered its status but its application has not taken the
-    // command; or an acknowledgement came during the query (an earlier
-    // command's, counted off, means this one's has not).
-    if (peer.status || transport::IsLateAcknowledgement(row)) {
-      transport::NoteLate(transport::LateAnswer::kAcknowledgement, row.entry().address);
-      return Fail(out, VARN_E_NO_ACK, peer.text);
+    // The acknowledgement came during the query, whose answer is still on
+    // its way: the answer to the command, if it comes before the status
+    // answer or the query's bound, is taken; else the status tells why not.
+    if (!transport::AcknowledgementOutcome(h)) {
+      DropStatusAnswer(row, peer);
+      return 0;  // NAK (42 when busy), as varn_send_msg reports it
     }
+    PeerState after = AwaitStatusAnswer(row, kTerminal, due_ms);
+    DropStatusAnswer(row, after);
+    return Explain(row, after, out);
   }
   if (!transport::AcknowledgementOutcome(h)) {
     // NAK (42 when busy), as varn_send_msg reports it.
@@ -278,10 +311,21 @@ extern "C" int varn_cancel(varnHandle h, const char* text, int timeout_ms, uint3
   Clear(out);
   if (!core::EnterCall(h)) return 0;
   std::int64_t deadline_ms = DeadlineAfter(timeout_ms);
-  if (!varn_send_msg(h, VARN_INTR, text, 0)) return 0;
-  if (AnsweredAtOnce(h)) return DeliverDefault(out);
+  if (AnsweredAtOnce(h)) {
+    if (!varn_send_msg(h, VARN_INTR, text, 0)) return 0;
+    return DeliverDefault(out);
+  }
   Row row(h);
+  // A peer that has ended has no command left to cancel: the INTR would
+  // start a kept server again, or find no peer at all.
+  bool ended = row.is(RowState::kExited) ||
+               (row.is(RowState::kFree) && row.last_category() == VARN_SRVR_ERR);
+  if (ended) {
+    const char* notice = row.LastText();
+    return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
+  }
   if (row.is(RowState::kFree)) return Fail(out, VARN_E_CLOSED);
+  if (!varn_send_msg(h, VARN_INTR, text, 0)) return 0;
   // A DONE or ERROR already queued is the one that ends the command: the
   // lane hands queued messages over first. The acknowledgement of a command
   // whose call gave up before it came is taken too: it belongs to the

@@ -180,8 +180,15 @@ int Client() {
   g_callbacks.clear();
   Run("interrupted", Call(s, "interrupt-me", 5000));
   Report("interrupted-callbacks %s", g_callbacks.c_str());
-  // It exits without answering.
+  // It exits without answering. Its row is kept, so that any later use of
+  // it would start it again.
+  VarnMessage[s].keep_entry = 1;
   Run("exited", Call(s, "exit 3", 5000));
+  // Nothing is left to cancel, and nothing is started again.
+  Run("cancel-exited", [s](uint32_t* c, char* b, uint32_t cap, uint32_t* l, char* d) {
+    return varn_cancel(s, "stop", 5000, c, b, cap, l, d);
+  });
+  Report("after-exit state=%u", VarnMessage[s].state);
   return 0;
 }
 

@@ -12,6 +12,7 @@
 
 #include "tests/support/launcher.h"
 #include "tests/support/output.h"
+#include "varn.h"
 
 namespace varn::testing {
 namespace {
@@ -96,6 +97,9 @@ TEST(DeadlineTest, EachReasonComesFromARealPeerWithinItsBound) {
   EXPECT_EQ(lines["interrupted-callbacks"].rest, "INTR");
   EXPECT_EQ(lines["exited"].rest, "r=0 err=80 cat=- text= detail=exit 3");
   EXPECT_LT(lines["exited"].ms, 5000);
+  EXPECT_EQ(lines["cancel-exited"].rest, "r=0 err=80 cat=- text= detail=exit 3");
+  EXPECT_LT(lines["cancel-exited"].ms, 1000);
+  EXPECT_EQ(lines["after-exit"].rest, "state=" + std::to_string(ENTRY_EXITED));
 }
 
 TEST(DeadlineTest, AWaitEndsWith43WhenTheHubIsKilled) {

@@ -570,6 +570,16 @@ int Scenario(const std::string& mode, int argc, char** argv) {
     Report("end %d", varn_send_msg(h, VARN_END, nullptr, 0));
     return 0;
   }
+  if (mode == "call-deadline") {  // two calls with a 200 ms deadline to S1
+    int h = Connect("srv", "S1@h");
+    for (int i = 0; i < 2; ++i) {
+      uint32_t category = 0, length = 0;
+      char buffer[64] = "", detail[VARN_STATUS_TEXT_SIZE] = "";
+      int r = varn_call_deadline(h, "work", 200, &category, buffer, sizeof buffer, &length, detail);
+      Report("call %d err=%d detail=%s", r, VarnErrorNo, detail);
+    }
+    return 0;
+  }
   if (mode == "two-streams") {  // records to two peers' streams in turn; reads S1's stream
     int h1 = Connect("srv", "S1@h");
     int h2 = Connect("srv2", "S2@h");

@@ -187,6 +187,27 @@ TEST_F(TransportTest, RecordsToTwoStreamsInTurnKeepTheirPeersAndOrder) {
   EXPECT_EQ(hub_.WaitExit(), 0);
 }
 
+// A call's acknowledgement that comes during its status query at the
+// deadline: the call waits on only until that query's answer is due (no
+// second query), and takes the answer as its reason when it comes first.
+TEST_F(TransportTest, AcknowledgementDuringTheDeadlineQueryAsksNoSecondTime) {
+  StartPeer("call-deadline");
+  Expect("CMD");
+  EXPECT_EQ(Expect("STATUS?").destination, kS1);
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  EXPECT_EQ(hub_.Report(), "call 0 err=79 detail=");
+  // That query's answer, late: dropped, it answers nothing later.
+  ASSERT_TRUE(hub_.Send(self_, kS1, "STATUS", "BUSY late"));
+  // The next packet is the second call's command, not another query.
+  Expect("CMD");
+  Expect("STATUS?");
+  ASSERT_TRUE(hub_.Send(self_, kS1, "ACK"));
+  ASSERT_TRUE(hub_.Send(self_, kS1, "STATUS", "BUSY working"));
+  EXPECT_EQ(hub_.Report(), "call 0 err=77 detail=working");
+  AckExitNotice();
+  EXPECT_EQ(hub_.WaitExit(), 0);
+}
+
 TEST_F(TransportTest, StatusAndQueryAreAnsweredByTheLibrary) {
   StartPeer("serve");
   EXPECT_EQ(hub_.Report(), "ready");
