@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "core/library_lock.h"
 #include "core/library_state.h"
@@ -34,13 +34,27 @@ FILE* AsStream(std::uint64_t number) {
 
 // Local streams on which a line started with Ctrl-Z: their input has ended
 // for the line calls until they are repositioned or closed through these
-// wrappers.
-std::unordered_set<FILE*>& EndedStreams() REQUIRES(core::kLibrary) {
-  static auto* ended = new std::unordered_set<FILE*>();  // never destroyed
+// wrappers. Each is kept with its position after that line: a stream closed
+// with plain fclose may come back at the same address for another file, and
+// it is not taken for ended unless it stands at that same position.
+std::unordered_map<FILE*, long>& EndedStreams() REQUIRES(core::kLibrary) {
+  static auto* ended = new std::unordered_map<FILE*, long>();  // never destroyed
   return *ended;
 }
 
 void Forget(FILE* stream) REQUIRES(core::kLibrary) { EndedStreams().erase(stream); }
+
+void NoteEnded(FILE* stream) REQUIRES(core::kLibrary) {
+  EndedStreams()[stream] = std::ftell(stream);
+}
+
+bool Ended(FILE* stream) REQUIRES(core::kLibrary) {
+  auto it = EndedStreams().find(stream);
+  if (it == EndedStreams().end()) return false;
+  if (std::ftell(stream) == it->second) return true;
+  EndedStreams().erase(it);  // another stream, or moved by its owner
+  return false;
+}
 
 const char* LocalMode(int read_write_append, bool text) {
   switch (read_write_append) {
@@ -279,12 +293,12 @@ extern "C" int varn_readline(FILE* stream, char* buffer, int local) noexcept {
   core::OnApplicationThread();
   if (Remote(local)) return varn_fileR_readline(Number(stream), buffer);
   if (stream == nullptr || buffer == nullptr) return 0;
-  if (EndedStreams().count(stream) != 0) return 0;
+  if (Ended(stream)) return 0;
   if (std::fgets(buffer, VARN_LINE_SIZE, stream) == nullptr) return 0;
   std::size_t n = std::strlen(buffer);
   if (n == VARN_LINE_SIZE - 1 && buffer[n - 1] != '\n') TakeLineEnd(stream);
   if (!CutLine(buffer)) {
-    EndedStreams().insert(stream);
+    NoteEnded(stream);
     return 0;
   }
   return 1;
@@ -299,7 +313,7 @@ extern "C" int varn_readlineP(FILE* stream, char** line, int local) noexcept {
     return r;
   }
   if (stream == nullptr || !varn_init_varn_line()) return 0;
-  if (EndedStreams().count(stream) != 0) return 0;
+  if (Ended(stream)) return 0;
   std::size_t used = 0;
   s.line_buffer[0] = '\0';
   for (;;) {
@@ -321,7 +335,7 @@ extern "C" int varn_readlineP(FILE* stream, char** line, int local) noexcept {
   }
   *line = s.line_buffer;
   if (!CutLine(s.line_buffer)) {
-    EndedStreams().insert(stream);
+    NoteEnded(stream);
     return 0;
   }
   return 1;

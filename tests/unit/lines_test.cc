@@ -37,6 +37,21 @@ TEST(LinesTest, ReadlineCutsAtLineEndsAndStopsAtCtrlZ) {
   EXPECT_EQ(varn_readline(f, buffer, 1), 0);  // a line starting with Ctrl-Z ends the input
 }
 
+// The end at Ctrl-Z belongs to the stream as it stood then: the same FILE
+// moved by plain stdio (or a new stream that the C library placed at the
+// address of a closed one) reads on.
+TEST(LinesTest, ReadlineEndsAtCtrlZOnlyWhereTheStreamStood) {
+  TextStream stream("one\n\x1a\n");
+  FILE* f = stream.get();
+  char buffer[VARN_LINE_SIZE];
+  ASSERT_EQ(varn_readline(f, buffer, 1), 1);
+  EXPECT_EQ(varn_readline(f, buffer, 1), 0);
+  EXPECT_EQ(varn_readline(f, buffer, 1), 0);  // stays ended
+  std::rewind(f);
+  ASSERT_EQ(varn_readline(f, buffer, 1), 1);
+  EXPECT_STREQ(buffer, "one");
+}
+
 TEST(LinesTest, ReadlineHandsBackALongLineInPiecesWithinTheBuffer) {
   std::string line(2500, 'a');
   TextStream stream(line + "\nnext\n");
