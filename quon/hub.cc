@@ -131,7 +131,7 @@ void Hub::Trace(const Packet& packet) {
 void Hub::AppendControlTable(std::string* out) const {
   AppendProcessTable(clients_, platform::MonotonicMillis(), out);
   for (const auto& [a, b] : links_.linked()) AppendLink(clients_, a, b, out);
-  for (const WaitCycle& cycle : waits_.cycles()) AppendCycleWarning(clients_, cycle, out);
+  for (const WaitCycle& cycle : waits_.StandingCycles()) AppendCycleWarning(clients_, cycle, out);
 }
 
 bool Hub::OnPacket(Client& from, const Packet& packet) {

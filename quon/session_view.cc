@@ -13,14 +13,6 @@ WaitCycle Normalized(std::vector<std::uint64_t> cycle) {
   return cycle;
 }
 
-// True when `waiter` directly followed by `holder` is a step of the cycle.
-bool HasStep(const WaitCycle& cycle, std::uint64_t waiter, std::uint64_t holder) {
-  for (std::size_t i = 0; i < cycle.size(); ++i) {
-    if (cycle[i] == waiter && cycle[(i + 1) % cycle.size()] == holder) return true;
-  }
-  return false;
-}
-
 void AppendField(std::string_view text, std::string* out) {
   out->push_back('\t');
   AppendEscaped(text, 200, out);
@@ -55,10 +47,39 @@ WaitCycle WaitTracker::OnCommand(Client& from, Client& to, std::int64_t now_ms) 
   if (!FindChain(to.id, from.id, &chain)) return {};
   std::vector<std::uint64_t> cycle = {from.id};
   cycle.insert(cycle.end(), chain.begin(), chain.end() - 1);
-  WaitCycle normalized = Normalized(std::move(cycle));
-  if (std::find(cycles_.begin(), cycles_.end(), normalized) != cycles_.end()) return {};
-  cycles_.push_back(normalized);
-  return normalized;
+  return Normalized(std::move(cycle));
+}
+
+std::vector<WaitCycle> WaitTracker::StandingCycles() const {
+  // From each client, in id order, a depth-first search through clients of
+  // larger ids only: a cycle is found once, from its smallest id, and comes
+  // out already rotated.
+  constexpr std::size_t kMaxSteps = 100000;
+  std::vector<WaitCycle> found;
+  std::size_t steps = 0;
+  for (const auto& [start, client] : clients_) {
+    if (client->activity.awaiting.empty()) continue;
+    std::vector<std::uint64_t> chain{start};
+    std::vector<std::size_t> next{0};
+    while (!chain.empty()) {
+      if (found.size() >= kMaxShownCycles || ++steps > kMaxSteps) return found;
+      const Client* at = Find(chain.back());
+      std::size_t& position = next.back();
+      if (at == nullptr || position >= at->activity.awaiting.size()) {
+        chain.pop_back();
+        next.pop_back();
+        continue;
+      }
+      std::uint64_t step = at->activity.awaiting[position++].first;
+      if (step == start) {
+        found.push_back(chain);
+      } else if (step > start && std::find(chain.begin(), chain.end(), step) == chain.end()) {
+        chain.push_back(step);
+        next.push_back(0);
+      }
+    }
+  }
+  return found;
 }
 
 bool WaitTracker::FindChain(std::uint64_t start, std::uint64_t goal,
@@ -105,8 +126,7 @@ void WaitTracker::OnAnswer(Client& from, Client& to) {
                          [&](const PendingCommand& c) { return c.from_id == to.id; });
   if (it == pending.end()) return;
   pending.erase(it);
-  if (!Release(to, from.id)) return;
-  std::erase_if(cycles_, [&](const WaitCycle& c) { return HasStep(c, to.id, from.id); });
+  Release(to, from.id);
 }
 
 void WaitTracker::OnEnded(Client& client) {
@@ -121,9 +141,6 @@ void WaitTracker::OnEnded(Client& client) {
                   [&](const PendingCommand& c) { return c.from_id == client.id; });
   }
   client.activity.awaiting.clear();
-  std::erase_if(cycles_, [&](const WaitCycle& c) {
-    return std::find(c.begin(), c.end(), client.id) != c.end();
-  });
 }
 
 namespace {

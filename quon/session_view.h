@@ -34,9 +34,10 @@ class WaitTracker {
   WaitTracker(const WaitTracker&) = delete;
   WaitTracker& operator=(const WaitTracker&) = delete;
 
-  // A CMD from `from` was relayed to `to` at now_ms. Returns the cycle of
-  // waiting this command closes when there was none like it before, else
-  // an empty cycle.
+  // A CMD from `from` was relayed to `to` at now_ms. Returns a cycle of
+  // waiting this command closes (one of them, when it closes several) when
+  // it is the first command from `from` that `to` holds, else an empty
+  // cycle.
   WaitCycle OnCommand(Client& from, Client& to, std::int64_t now_ms);
   // `from` answered `to` (DONE, ERROR, NAK, SRVR_ERR): the oldest command
   // of `to` that `from` holds is answered.
@@ -44,8 +45,12 @@ class WaitTracker {
   // `client` ended: what it held is answered, what it sent awaited no more.
   void OnEnded(Client& client);
 
-  // The cycles that stand now, in the order they formed.
-  const std::vector<WaitCycle>& cycles() const { return cycles_; }
+  // The cycles that stand now, each once, found when asked (commands and
+  // answers change them all the time; `ps` asks now and then). In the order
+  // of their smallest client id; at most kMaxShownCycles, and the search
+  // stops after a bounded number of steps however the clients wait.
+  static constexpr std::size_t kMaxShownCycles = 16;
+  std::vector<WaitCycle> StandingCycles() const;
 
  private:
   Client* Find(std::uint64_t id) const;
@@ -57,7 +62,6 @@ class WaitTracker {
   static bool Release(Client& waiter, std::uint64_t holder);
 
   const ClientMap& clients_;
-  std::vector<WaitCycle> cycles_;
 };
 
 // Text for a line field: at most `limit` bytes of it (NUL padding dropped),

@@ -14,6 +14,7 @@
 #include "quon/link_broker.h"
 #include "quon/output_buffer.h"
 #include "quon/packet_framer.h"
+#include "quon/session_view.h"
 #include "quon/start_request.h"
 #include "tests/support/launcher.h"
 #include "tests/support/output.h"
@@ -122,6 +123,30 @@ TEST(QuonOutputBufferTest, DrainsInOrderAndGivesBackALargeBlock) {
   EXPECT_GT(out.capacity(), 0u);
   platform::Close(fds[0]);
   platform::Close(fds[1]);
+}
+
+// One command that closes two cycles at once, then one of them broken:
+// the other still stands and is shown.
+TEST(QuonWaitTrackerTest, ShowsEveryCycleThatStands) {
+  ClientMap clients;
+  for (std::uint64_t id = 1; id <= 3; ++id) {
+    auto c = std::make_unique<Client>();
+    c->id = id;
+    clients.emplace(id, std::move(c));
+  }
+  Client& a = *clients[1];
+  Client& x = *clients[2];
+  Client& y = *clients[3];
+  WaitTracker waits(clients);
+  EXPECT_TRUE(waits.OnCommand(x, a, 0).empty());   // x waits on a
+  EXPECT_TRUE(waits.OnCommand(x, y, 0).empty());   // x on y
+  EXPECT_TRUE(waits.OnCommand(y, a, 0).empty());   // y on a
+  EXPECT_FALSE(waits.OnCommand(a, x, 0).empty());  // a on x: two cycles close
+  EXPECT_EQ(waits.StandingCycles(), (std::vector<WaitCycle>{{1, 2}, {1, 2, 3}}));
+  waits.OnAnswer(a, x);  // a answers x: x waits on a no more
+  EXPECT_EQ(waits.StandingCycles(), (std::vector<WaitCycle>{{1, 2, 3}}));
+  waits.OnEnded(y);
+  EXPECT_TRUE(waits.StandingCycles().empty());
 }
 
 TEST(QuonStartRequestTest, SplitsArgumentsLikeAShell) {
