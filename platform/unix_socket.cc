@@ -1,5 +1,6 @@
 #include "platform/unix_socket.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -7,6 +8,8 @@
 
 #include <cerrno>
 #include <cstring>
+
+#include "platform/system.h"
 
 namespace varn::platform {
 namespace {
@@ -22,8 +25,11 @@ bool MakeAddress(const std::string& path, sockaddr_un* address) {
   return true;
 }
 
-int ConnectTo(const sockaddr_un& address) {
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Connects without waiting for room: a listener whose backlog is full
+// fails with EAGAIN at once instead of holding the caller. The descriptor
+// is non-blocking.
+int ConnectNow(const sockaddr_un& address) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return -1;
   for (;;) {
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
@@ -35,6 +41,17 @@ int ConnectTo(const sockaddr_un& address) {
   return -1;
 }
 
+// Whether something listens at address: it took the connection, or its
+// backlog is full. False with errno otherwise (ECONNREFUSED: nobody).
+bool Listening(const sockaddr_un& address) {
+  int probe = ConnectNow(address);
+  if (probe >= 0) {
+    close(probe);
+    return true;
+  }
+  return errno == EAGAIN;
+}
+
 // Clears the way for a new socket at path: nothing there, or a socket file
 // whose owner no longer listens (removed). False with errno otherwise.
 bool PathIsFree(const std::string& path, const sockaddr_un& address) {
@@ -44,9 +61,7 @@ bool PathIsFree(const std::string& path, const sockaddr_un& address) {
     errno = EEXIST;
     return false;
   }
-  int probe = ConnectTo(address);
-  if (probe >= 0) {
-    close(probe);
+  if (Listening(address)) {
     errno = EADDRINUSE;
     return false;
   }
@@ -106,9 +121,27 @@ int ConnectUnixSocket(const std::string& path, int* error) {
     *error = ENAMETOOLONG;
     return -1;
   }
-  int fd = ConnectTo(address);
-  if (fd < 0) *error = errno;
-  return fd;
+  // A listener whose backlog is full is tried again for a while (it may
+  // be busy for a moment), then given up on with EAGAIN: a hung hub must
+  // not hang its tools.
+  constexpr int kTries = 200;
+  constexpr int kRetryMs = 10;
+  for (int i = 0; i < kTries; ++i) {
+    int fd = ConnectNow(address);
+    if (fd >= 0) {
+      int flags = fcntl(fd, F_GETFL);
+      if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        *error = errno;
+        close(fd);
+        return -1;
+      }
+      return fd;
+    }
+    if (errno != EAGAIN) break;
+    SleepMilliseconds(kRetryMs);
+  }
+  *error = errno;
+  return -1;
 }
 
 bool RemoveStaleSocket(const std::string& path) {
@@ -117,11 +150,7 @@ bool RemoveStaleSocket(const std::string& path) {
   if (!MakeAddress(path, &address) || lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
     return false;
   }
-  int probe = ConnectTo(address);
-  if (probe >= 0) {
-    close(probe);
-    return false;
-  }
+  if (Listening(address)) return false;
   return errno == ECONNREFUSED && unlink(path.c_str()) == 0;
 }
 

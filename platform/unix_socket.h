@@ -31,11 +31,13 @@ int ListenUnixSocket(const std::string& path, SocketFileId* id, int* error);
 // failure.
 int AcceptConnection(int listen_fd, int* error);
 
-// Connects to the socket at path. -1 with the errno value in *error.
+// Connects to the socket at path. A listener whose backlog stays full for
+// two seconds fails with EAGAIN. -1 with the errno value in *error.
 int ConnectUnixSocket(const std::string& path, int* error);
 
-// Removes path when it is a socket file that nobody listens on. True when
-// it was removed.
+// Removes path when it is a socket file that nobody listens on (a listener
+// whose backlog is full counts as listening; the probe never waits). True
+// when it was removed.
 bool RemoveStaleSocket(const std::string& path);
 
 // Removes path when it is still the socket file `id` names.

@@ -546,6 +546,32 @@ TEST(QuonControlSocketTest, ReplacesTheSocketOfAHubThatIsGoneAndNothingElse) {
   fs::remove(path);
 }
 
+// A listener that accepts nothing: once its backlog is full, neither the
+// check for a live socket nor a tool that connects waits for it for good.
+TEST(QuonControlSocketTest, AFullBacklogHoldsNoProbeAndNoTool) {
+  std::string path = SocketPath("full");
+  platform::SocketFileId id;
+  int error = 0;
+  int listener = platform::ListenUnixSocket(path, &id, &error);
+  ASSERT_GE(listener, 0) << platform::ErrorText(error);
+  std::vector<int> connected;
+  for (int i = 0; i < 64; ++i) {
+    int fd = platform::ConnectUnixSocket(path, &error);
+    if (fd < 0) break;
+    connected.push_back(fd);
+  }
+  EXPECT_EQ(error, EAGAIN) << platform::ErrorText(error);
+  EXPECT_FALSE(platform::RemoveStaleSocket(path));
+  EXPECT_EQ(platform::ListenUnixSocket(path, &id, &error), -1);
+  EXPECT_EQ(error, EADDRINUSE);
+  test_support::RunResult ps =
+      test_support::RunProgram({QUONCTL_BINARY, "--control", path, "ps"}, "");
+  EXPECT_NE(ps.status, 0);
+  for (int fd : connected) platform::Close(fd);
+  platform::Close(listener);
+  platform::RemoveSocketFile(path, id);
+}
+
 TEST_F(QuonControlTest, ShowsLinkedPairsWhileBothLive) {
   HubSession& s = session_;
   // A pair that sets up a link by hand: the client asks, and is ready.
