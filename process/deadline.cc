@@ -67,6 +67,13 @@ int Fail(const Out& out, int error, std::string_view detail = {}) {
   return 0;
 }
 
+// 80, with the peer's exit text while its exit notice is the row's last
+// message (a row that exited earlier may have forgotten it).
+int FailExited(Row& row, const Out& out) REQUIRES(core::kLibrary) {
+  const char* text = row.last_category() == VARN_SRVR_ERR ? row.LastText() : nullptr;
+  return Fail(out, VARN_E_PEER_EXITED, text != nullptr ? text : "");
+}
+
 // Hands the row's last message to the caller.
 int Deliver(Row& row, const Out& out) REQUIRES(core::kLibrary) {
   if (out.category != nullptr) *out.category = static_cast<uint32_t>(row.last_category());
@@ -180,10 +187,8 @@ int Explain(Row& row, const PeerState& peer, const Out& out) REQUIRES(core::kLib
       }
       return Fail(out, peer.code == VARN_STATUS_IDLE ? VARN_E_PEER_IDLE : VARN_E_PEER_BUSY,
                   peer.text);
-    case Outcome::kExited: {
-      const char* text = row.LastText();
-      return Fail(out, VARN_E_PEER_EXITED, text != nullptr ? text : "");
-    }
+    case Outcome::kExited:
+      return FailExited(row, out);
     case Outcome::kDeadline:
       return Fail(out, VARN_E_PEER_SILENT);
     case Outcome::kFailed:
@@ -205,8 +210,7 @@ int FinishWait(Row& row, CategorySet until, std::int64_t deadline_ms, int timeou
   }
   if (outcome == Outcome::kFailed) return 0;  // VarnErrorNo says why (43: the hub)
   if (outcome == Outcome::kExited) {
-    const char* text = row.LastText();
-    return Fail(out, VARN_E_PEER_EXITED, text != nullptr ? text : "");
+    return FailExited(row, out);
   }
   if (!SendStatusQuery(row)) return 0;
   PeerState peer = AwaitStatusAnswer(row, until, StatusAnswerDue(deadline_ms, timeout_ms));
@@ -261,8 +265,7 @@ extern "C" int varn_call_deadline(varnHandle h, const char* command, int timeout
   } while (outcome == Outcome::kArrived && transport::IsLateAcknowledgement(row));
   if (outcome == Outcome::kFailed) return 0;
   if (outcome == Outcome::kExited) {
-    const char* notice = row.LastText();
-    return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
+    return FailExited(row, out);
   }
   if (outcome == Outcome::kDeadline) {
     std::int64_t due_ms = StatusAnswerDue(deadline_ms, timeout_ms);
@@ -274,8 +277,7 @@ extern "C" int varn_call_deadline(varnHandle h, const char* command, int timeout
              transport::IsLateAcknowledgement(row));
     if (peer.outcome == Outcome::kFailed) return 0;
     if (peer.outcome == Outcome::kExited) {
-      const char* notice = row.LastText();
-      return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
+      return FailExited(row, out);
     }
     if (peer.outcome == Outcome::kDeadline || peer.status) {
       // Given up without the command's acknowledgement: when it comes, it
@@ -320,10 +322,7 @@ extern "C" int varn_cancel(varnHandle h, const char* text, int timeout_ms, uint3
   // start a kept server again, or find no peer at all.
   bool ended = row.is(RowState::kExited) ||
                (row.is(RowState::kFree) && row.last_category() == VARN_SRVR_ERR);
-  if (ended) {
-    const char* notice = row.LastText();
-    return Fail(out, VARN_E_PEER_EXITED, notice != nullptr ? notice : "");
-  }
+  if (ended) return FailExited(row, out);
   if (row.is(RowState::kFree)) return Fail(out, VARN_E_CLOSED);
   if (!varn_send_msg(h, VARN_INTR, text, 0)) return 0;
   // A DONE or ERROR already queued is the one that ends the command: the
