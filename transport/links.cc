@@ -39,6 +39,11 @@ std::vector<Link>& g_links GUARDED_BY(g_mutex) = *new std::vector<Link>;
 std::vector<std::string>& g_asked GUARDED_BY(g_mutex) = *new std::vector<std::string>;
 // Links that carry packets: output looks no further while there are none.
 std::atomic<int> g_writing{0};
+// Write ends of links that ended while they carried packets. Output writes
+// on a link's write end under the wire lock, after reading its number
+// here; so only a holder of the wire lock closes one (CloseEndedWriteEnds),
+// and a number is never closed, and perhaps reused, under a writer.
+std::vector<int>& g_ended GUARDED_BY(g_mutex) = *new std::vector<int>;
 
 Link* Find(std::string_view peer) REQUIRES(g_mutex) {
   for (Link& link : g_links) {
@@ -47,9 +52,17 @@ Link* Find(std::string_view peer) REQUIRES(g_mutex) {
   return nullptr;
 }
 
-// Packets to the link's peer go through the hub from now on.
-void StopWriting(Link* link) {
-  if (link->write_fd >= 0) platform::Close(link->write_fd);
+// Packets to the link's peer go through the hub from now on. A write end
+// that output may be using is left for the wire lock's holder to close;
+// one that never carried packets output never saw.
+void StopWriting(Link* link, bool under_wire_lock) REQUIRES(g_mutex) {
+  if (link->write_fd >= 0) {
+    if (link->writing && !under_wire_lock) {
+      g_ended.push_back(link->write_fd);
+    } else {
+      platform::Close(link->write_fd);
+    }
+  }
   if (link->writing) g_writing.fetch_sub(1, std::memory_order_relaxed);
   link->write_fd = -1;
   link->writing = false;
@@ -57,10 +70,10 @@ void StopWriting(Link* link) {
 
 // Called with g_mutex held for a link in the table, or for one not yet in
 // it (a failed open).
-void CloseEnds(Link* link) {
+void CloseEnds(Link* link) REQUIRES(g_mutex) {
   if (link->read_fd >= 0) platform::Close(link->read_fd);
   link->read_fd = -1;
-  StopWriting(link);
+  StopWriting(link, false);
 }
 
 // Adds peer to those asked for; false when it was there already.
@@ -139,10 +152,24 @@ bool LinksEnabled() { return g_enabled.load(std::memory_order_relaxed); }
 
 void CloseLinks() {
   g_enabled.store(false, std::memory_order_relaxed);
+  {
+    platform::MutexLock lock(&g_mutex);
+    for (Link& link : g_links) CloseEnds(&link);
+    g_links.clear();
+    g_asked.clear();
+  }
+  CloseEndedLinks(true);
+}
+
+bool CloseEndedWriteEnds(int fd) {
   platform::MutexLock lock(&g_mutex);
-  for (Link& link : g_links) CloseEnds(&link);
-  g_links.clear();
-  g_asked.clear();
+  bool found = false;
+  for (int ended : g_ended) {
+    found = found || ended == fd;
+    platform::Close(ended);
+  }
+  g_ended.clear();
+  return found;
 }
 
 int LinkWriteFd(std::string_view destination) {
@@ -158,7 +185,7 @@ void LinkWriteFailed(int fd) {
     // The read end stays with the reader until it meets the link's end;
     // no new link with the peer is asked for.
     if (link.write_fd != fd) continue;
-    StopWriting(&link);
+    StopWriting(&link, true);
     NoteAsked(link.peer);
   }
 }
@@ -233,8 +260,11 @@ bool HandleLinkControl(std::string_view source, std::string_view payload, int* r
 
 void LinkEnded(std::string_view peer, int read_fd) {
   if (read_fd >= 0) platform::Close(read_fd);
-  platform::MutexLock lock(&g_mutex);
-  Forget(peer);
+  {
+    platform::MutexLock lock(&g_mutex);
+    Forget(peer);
+  }
+  CloseEndedLinks(false);
 }
 
 }  // namespace varn::transport

@@ -11,8 +11,10 @@
 // is held back until the link has been read to its end (packet_reader.cc).
 //
 // Thread ownership: the table is guarded by its own mutex. Output consults
-// it under the wire lock; the reader (the holder of the reading turn)
-// handles the controls and owns the read ends once they are sources.
+// it under the wire lock and writes on a write end under that lock; so a
+// write end is closed only by a holder of the wire lock. The reader (the
+// holder of the reading turn) handles the controls and owns the read ends
+// once they are sources.
 #ifndef VARN_TRANSPORT_LINKS_H_
 #define VARN_TRANSPORT_LINKS_H_
 
@@ -25,13 +27,17 @@ namespace varn::transport {
 // links (the hub started it with them).
 void EnableLinks(bool on);
 bool LinksEnabled();
-// varn_deinit: closes the write ends of every link and asks for no more.
+// varn_deinit: ends every link and asks for no more (the write ends are
+// closed under the wire lock, as for LinkEnded).
 void CloseLinks();
 
 // ---- Output side -------------------------------------------------------
 // Under the wire lock: the write end of the link to `destination` while it
 // carries packets, else -1 (the packet goes through the hub).
 int LinkWriteFd(std::string_view destination);
+// Under the wire lock: closes the write ends of links that ended since
+// (the reader cannot: a writer may be using one). True when fd was one.
+bool CloseEndedWriteEnds(int fd);
 // Under the wire lock: a write on fd failed (the peer closed its end); the
 // link carries nothing more.
 void LinkWriteFailed(int fd);
@@ -52,8 +58,9 @@ void MaybeAskForLink(std::string_view destination);
 bool HandleLinkControl(std::string_view source, std::string_view payload, int* read_fd);
 // The link with peer has ended: the reader met the end of its read end
 // (closed here when not negative), or the hub's notice that the peer ended
-// has passed. Its write end is closed too, packets to peer go through the
-// hub again, and no link with peer is asked for again.
+// has passed. Packets to peer go through the hub again, no link with peer
+// is asked for again, and its write end is closed under the wire lock (at
+// once when it is free, else by the next write).
 void LinkEnded(std::string_view peer, int read_fd);
 
 }  // namespace varn::transport

@@ -188,6 +188,8 @@ int WriteRoute(int route, const char* a, std::size_t a_size, const char* b, std:
 // null), each the way it goes: together in one system call when they go the
 // same way. 0 or the error number; the corked bytes are gone either way.
 int WriteWithCorked(const char* buffer, std::size_t size) REQUIRES(g_wire_lock) {
+  // Corked bytes for a link that has ended go through the hub.
+  if (varn::transport::CloseEndedWriteEnds(g_corked_route)) g_corked_route = -1;
   std::size_t corked = g_corked_size;
   int corked_route = g_corked_route;
   g_corked_size = 0;
@@ -350,6 +352,17 @@ int SendLinkOver(const char* peer) {
   if (error == 0) varn::transport::StartWritingLink(peer);
   g_wire_lock.Unlock();
   return error;
+}
+
+void CloseEndedLinks(bool wait) {
+  platform::DeferHoldScope defer;
+  // A bounded wait: a writer blocked on a full channel must not hold up
+  // the process's end. Where the lock is not had, the holder's next write
+  // closes them.
+  auto bound = wait ? std::chrono::milliseconds(kInterruptWireWait) : std::chrono::milliseconds(0);
+  if (!g_wire_lock.TryLockFor(bound)) return;
+  if (CloseEndedWriteEnds(g_corked_route)) g_corked_route = -1;
+  g_wire_lock.Unlock();
 }
 
 void FlushCorked() {

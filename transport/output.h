@@ -52,6 +52,11 @@ int SendAcknowledgement(const char* destination, const char* source);
 void AllowCorking(bool on);
 // Writes corked acknowledgements now, if there are any.
 void FlushCorked();
+// Closes the write ends of links that ended (links.h), under the wire
+// lock: waiting for it (at most two seconds), or only when it is free
+// (else the holder's next write closes them). Not with the link table's
+// mutex held.
+void CloseEndedLinks(bool wait);
 
 // Writes the "link over" PING to peer through the hub and, under the same
 // hold of the wire lock, switches packets to peer onto its link

@@ -59,7 +59,6 @@ class Source {
 
   int fd() const { return fd_; }
   const std::string& peer() const { return peer_; }
-  bool in_large() const { return large_.active; }
 
   // A whole packet from what is buffered, or kNeedMore (a large body may
   // have been started: its bytes then come through Fill).
@@ -278,18 +277,15 @@ bool TakeNotice(PacketBody* packet) {
 
 enum class Found { kPacket, kSkipped, kNone, kEnd };
 
-// A whole packet already buffered: from the link being drained only, from
-// a source in the middle of a large body only, else from any source in
-// turn, the hub's channel first.
+// A whole packet already buffered: from the link being drained only, else
+// from any source in turn, the hub's channel first. A source in the middle
+// of a large body holds up no other: each has its own buffer, and a peer
+// that stops half way through a packet must not keep the hub's channel
+// (its interrupts, its notice of that peer's end) unread.
 Found TakeBufferedPacket(PacketBody* packet) {
   for (;;) {
     if (TakeNotice(packet)) return Found::kPacket;
     Source* only = g_draining;
-    if (only == nullptr) {
-      for (auto& s : g_sources) {
-        if (s->in_large()) only = s.get();
-      }
-    }
     std::size_t count = only != nullptr ? 1 : g_sources.size();
     bool again = false;
     for (std::size_t k = 0; k < count && !again; ++k) {
@@ -330,12 +326,9 @@ ReadResult ReadHubPacket(PacketBody* packet, int wake_fd, std::int64_t deadline_
       case Found::kNone:
         break;
     }
-    // More bytes are needed: from the link being drained, from the source
-    // in the middle of a large body, or from whichever source has some.
+    // More bytes are needed: from the link being drained, or from
+    // whichever source has some.
     Source* only = g_draining;
-    for (auto& s : g_sources) {
-      if (only == nullptr && s->in_large()) only = s.get();
-    }
     if (before_block != nullptr) before_block();
     int fds[platform::kMaxWaitFds];
     bool ready[platform::kMaxWaitFds] = {};

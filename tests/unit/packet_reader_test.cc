@@ -44,9 +44,9 @@ void Write(int fd, const std::string& bytes) {
 }
 
 // The next packet's word and payload (without padding), "WORD payload".
-std::string Next() {
+std::string Next(int within_ms = 5000) {
   PacketBody body;
-  ReadResult r = ReadHubPacket(&body, -1, platform::MonotonicMillis() + 5000);
+  ReadResult r = ReadHubPacket(&body, -1, platform::MonotonicMillis() + within_ms);
   if (r != ReadResult::kPacket) return "result " + std::to_string(static_cast<int>(r));
   wire::Header header;
   EXPECT_EQ(wire::SplitBody(body.data, body.length, &header), wire::WireError::kOk);
@@ -167,6 +167,20 @@ TEST_F(PacketReaderTest, ReadsALinkAfterItsOverAndHoldsThePeersEndUntilTheLinkIs
   EXPECT_EQ(platform::ReadSome(peer_reader_, &byte, 1), 0);
   ASSERT_TRUE(varn_send_packet(kPeer, kSelf, VARN_ACK, nullptr, 0));
   EXPECT_EQ(ToHub(), Packet(kPeer, kSelf, VARN_ACK, ""));
+}
+
+// A linked peer that stops half way through a large packet holds up only
+// its link: what comes through the hub is read meanwhile.
+TEST_F(PacketReaderTest, APeerStoppedInsideALargePacketHoldsUpOnlyItsLink) {
+  FromPeerThroughHub(VARN_PING, "link over");
+  FromHub(VARN_STATUS, "IDLE");
+  TakeFirst("STATUS IDLE");
+  Write(peer_writer_,
+        "400000" + std::string(kSelf) + " " + kPeer + " DATA " + std::string(1000, 'x'));
+  // The reader has started the large packet and waits for its rest.
+  EXPECT_EQ(Next(50), "result " + std::to_string(static_cast<int>(ReadResult::kTimeout)));
+  Write(to_self_[1], Packet(kSelf, "3@h", VARN_INTR, "from another"));
+  EXPECT_EQ(Next(), "INTR from another");
 }
 
 TEST_F(PacketReaderTest, APacketTheLinkRefusesGoesThroughTheHub) {
