@@ -91,11 +91,12 @@ void Forget(std::string_view peer) REQUIRES(g_mutex) {
     if (it->peer != peer) continue;
     CloseEnds(&*it);
     g_links.erase(it);
-    break;
+    // The peer counts as asked for: a link that failed is not asked for
+    // again and again. (Every notice of an end comes here; one for a peer
+    // without a link leaves the list of those asked for as it was.)
+    NoteAsked(peer);
+    return;
   }
-  // The peer counts as asked for: a link that failed is not asked for
-  // again and again, and an address that ended does not come back.
-  NoteAsked(peer);
 }
 
 // A control from this process to the hub, sent by the reader outside any
@@ -104,14 +105,6 @@ void SendToHub(const std::string& payload) {
   WireOnlyScope wire_only;
   SendSmallPacketQuiet(wire::kHubAddress.data(), core::Fixed().own_address, VARN_PING,
                        payload.c_str(), payload.size());
-}
-
-std::string Control(wire::LinkVerb verb, std::string_view peer, bool ok = true) {
-  wire::LinkControl control;
-  control.verb = verb;
-  control.peer = peer;
-  control.ok = ok;
-  return wire::BuildLinkControl(control);
 }
 
 // "link open": opens both ends and tells the hub whether that worked.
@@ -135,7 +128,7 @@ void Open(const wire::LinkControl& c) {
       }
     }
   }
-  SendToHub(Control(wire::LinkVerb::kReady, c.peer, ok));
+  SendToHub(wire::BuildLinkControl(wire::LinkVerb::kReady, c.peer, {}, {}, ok));
 }
 
 void Drop(std::string_view peer) {
@@ -216,7 +209,7 @@ void MaybeAskForLink(std::string_view destination) {
     platform::MutexLock lock(&g_mutex);
     if (!NoteAsked(destination)) return;
   }
-  SendToHub(Control(wire::LinkVerb::kWant, destination));
+  SendToHub(wire::BuildLinkControl(wire::LinkVerb::kWant, destination));
 }
 
 bool HandleLinkControl(std::string_view source, std::string_view payload, int* read_fd) {

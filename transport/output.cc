@@ -139,7 +139,8 @@ bool WriteToLink(int fd, const char* a, std::size_t a_size, const char* b, std::
     long n = b_size > 0 ? platform::WriteGather(fd, false, a, a_size, b, b_size)
                         : platform::WriteSome(fd, a, a_size);
     if (n <= 0) {
-      if (n < 0 && (platform::LastError() == EINTR || platform::LastError() == EAGAIN)) continue;
+      // The write end blocks and interrupted writes are retried below: a
+      // failure means the peer's end is gone.
       varn::transport::LinkWriteFailed(fd);
       return any;
     }
