@@ -100,18 +100,6 @@ bool WaitReadable(int fd, int timeout_ms) {
   }
 }
 
-Readable WaitReadableOrWake(int fd, int wake_fd, int timeout_ms) {
-  pollfd p[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
-  for (;;) {
-    int r = poll(p, wake_fd >= 0 ? 2 : 1, timeout_ms);
-    if (r == 0) return Readable::kTimeout;
-    if (r < 0 && errno == EINTR) continue;
-    // A failure of poll itself is left for the read to report.
-    if (r < 0 || p[0].revents != 0) return Readable::kData;
-    return Readable::kWake;
-  }
-}
-
 Readable WaitReadableAmong(const int* fds, bool* ready, int count, int wake_fd, int timeout_ms) {
   pollfd p[kMaxWaitFds + 1];
   if (count > kMaxWaitFds) count = kMaxWaitFds;

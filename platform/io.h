@@ -48,16 +48,13 @@ long WriteGather(int fd, bool socket, const void* a, std::size_t a_size, const v
 // True when readable (or at end of input / error, which a read then reports).
 bool WaitReadable(int fd, int timeout_ms);
 
-// Waits for fd to become readable or for wake_fd (a wake-up descriptor) to
-// be signalled, whichever comes first; for ever when timeout_ms < 0.
-enum class Readable { kData, kWake, kTimeout };
-Readable WaitReadableOrWake(int fd, int wake_fd, int timeout_ms);
-
 // Waits for any of `count` descriptors to become readable (or reach their
-// end), for wake_fd (when not negative) to be signalled, or for the timeout.
+// end), for wake_fd (a wake-up descriptor, when not negative) to be
+// signalled, or for the timeout (for ever when timeout_ms < 0).
 // On kData, ready[i] tells which descriptors have something. At most
 // kMaxWaitFds descriptors.
 inline constexpr int kMaxWaitFds = 64;
+enum class Readable { kData, kWake, kTimeout };
 Readable WaitReadableAmong(const int* fds, bool* ready, int count, int wake_fd, int timeout_ms);
 
 // A named pipe at path with mode 0600. False (errno kept) when it cannot be
@@ -69,7 +66,7 @@ bool CreateFifo(const char* path);
 int OpenFifoEnd(const char* path, bool write);
 
 // A wake-up descriptor: one thread signals it, another waits for it with
-// WaitReadableOrWake and drains it. kInvalidFd when none can be made.
+// WaitReadableAmong and drains it. kInvalidFd when none can be made.
 int CreateWakeFd();
 void SignalWake(int wake_fd);
 void DrainWake(int wake_fd);

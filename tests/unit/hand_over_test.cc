@@ -45,7 +45,7 @@ TEST(HandOverTest, TurnComesBackWhenAYieldedTakeWasAnsweredByAHandedOverPacket) 
       return next;
     });
     // Waits until the take asked for the turn.
-    platform::WaitReadableOrWake(-1, wake, 5000);
+    platform::WaitReadableAmong(nullptr, nullptr, 0, wake, 5000);
     platform::DrainWake(wake);
     hand_over.Push(Body("DONE"));
     bool yielded = hand_over.YieldIfAsked();
